@@ -1,0 +1,1 @@
+#include "Quorvil/QuorvilExport.h"
