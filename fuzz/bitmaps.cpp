@@ -120,9 +120,9 @@ void insertInSharedMemory(FuzzedDataProvider data)
     const int srcX = data.ConsumeIntegralInRange(0, 7);
     const int dstX = data.ConsumeIntegralInRange(0, 7);
     const int count = data.ConsumeIntegralInRange(1, std::min(srcBytesPerRow * 8 - srcX, bytesPerRow * 8 - dstX));
-    const int srcStart = data.ConsumeIntegralInRange(0, 500);
-    const int dstStart = data.ConsumeIntegralInRange(0, 500);
-    const Memory memory(data, 8000, 1);
+    const int srcStart = data.ConsumeIntegralInRange(0, 200);
+    const int dstStart = data.ConsumeIntegralInRange(0, 200);
+    const Memory memory(data, 8 * std::max(srcStart + rows * srcBytesPerRow, dstStart + rows * bytesPerRow), 1);
     const Memory expected(memory);
     model::Image{expected.bytes.get() + dstStart, bytesPerRow * 8, rows, bytesPerRow}.insertInOrder(
         {expected.bytes.get() + srcStart, srcBytesPerRow * 8, rows, srcBytesPerRow}, srcX, count, rows, dstX);

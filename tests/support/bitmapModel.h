@@ -61,7 +61,7 @@ struct Image
                 do {
                     const int partEnd = std::min(to + 8 - (from & 7), byteEnd);
                     for (const uint8_t source = src.byte(from, y); to < partEnd; ++to, ++from)
-                        held |= (source << (from & 7) & 0x80u) >> (to & 7);
+                        held |= static_cast<unsigned>(source << (from & 7) & 0x80) >> (to & 7);
                     if (!writeOnce || to == byteEnd)
                         target = static_cast<uint8_t>(target | held);
                 } while (to < byteEnd);
