@@ -113,7 +113,7 @@ TYPED_TEST(Bitmap, InsertCutsEveryRectangleToTheSourcesImageAndToTheClipRectangl
         return random() % 16 == 0 ? edges[random() % std::size(edges)] : below(2 * size) - size / 3;
     };
     int changed = 0;
-    for (int round = 0; round < 40000; ++round) {
+    for (int round = 0; round < 24000; ++round) {
         const int srcWidth = 1 + below(round % 8 == 0 ? 500 : 50);
         const int width = 1 + below(round % 8 == 0 ? 500 : 50);
         const int srcHeight = 1 + below(9);
@@ -147,7 +147,7 @@ TYPED_TEST(Bitmap, InsertCutsEveryRectangleToTheSourcesImageAndToTheClipRectangl
 
 TYPED_TEST(Bitmap, InsertWorksBytesInTheToldOrderWhereSourceAndDestinationShareMemory)
 {
-    for (int round = 0; round < 30000; ++round) {
+    for (int round = 0; round < 12000; ++round) {
         const bool wholeRows = round % 8 == 0;
         const int srcBytesPerRow = 1 + below(round % 3 == 0 ? 60 : 7);
         const int bytesPerRow = wholeRows || round % 2 == 0 ? srcBytesPerRow : 1 + below(60);
