@@ -243,16 +243,17 @@ void orWordRows(const Rows& given)
 
 constexpr int wordBytes = 8;
 
-/// `orWordRows` for each number of source bytes and destination bytes from 1 on.
-constexpr auto wordRows = []<size_t... index>(std::index_sequence<index...>) {
+/// `orWordRows` for each number of destination bytes from 1 on, with one source byte less, as many, and one more. The
+/// first and last entry belong to no row.
+constexpr auto wordRows = []<int... index>(std::integer_sequence<int, index...>) {
     return std::array<void (*)(const Rows&), sizeof...(index)>{
-        orWordRows<index / wordBytes + 1, index % wordBytes + 1, true>...};
-}(std::make_index_sequence<wordBytes * wordBytes>{});
+        orWordRows<std::clamp(index / 3 + index % 3, 1, wordBytes), index / 3 + 1, true>...};
+}(std::make_integer_sequence<int, 3 * wordBytes>{});
 
 /// The same without a shift, where both have as many bytes.
-constexpr auto alignedWordRows = []<size_t... index>(std::index_sequence<index...>) {
+constexpr auto alignedWordRows = []<int... index>(std::integer_sequence<int, index...>) {
     return std::array<void (*)(const Rows&), sizeof...(index)>{orWordRows<index + 1, index + 1, false>...};
-}(std::make_index_sequence<wordBytes>{});
+}(std::make_integer_sequence<int, wordBytes>{});
 
 /// `bytes` bytes as lanes of 32 bits.
 template <int bytes>
@@ -401,7 +402,7 @@ void orRows(const Rows& rows)
     else if (std::max(srcBytes, dstBytes) > wordBytes)
         shifted ? orByWidestStep<true>(rows) : orByWidestStep<false>(joined(rows));
     else if (shifted)
-        wordRows[(srcBytes - 1) * wordBytes + dstBytes - 1](rows);
+        wordRows[(dstBytes - 1) * 3 + srcBytes - dstBytes + 1](rows);
     else
         alignedWordRows[srcBytes - 1](rows);
 }
