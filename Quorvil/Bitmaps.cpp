@@ -21,7 +21,9 @@
 //
 // Ends. The first and last byte of a row hold pixels beside the span and are ORed singly, under a mask. The bytes
 // between are whole. Where their number is no multiple of the step, the last step is moved back and overlaps the one
-// before: an OR may be done twice. So there is no rest to be done byte by byte.
+// before: an OR may be done twice. So there is no rest to be done byte by byte. In the same way the first step overlaps
+// the second, which begins at an aligned address. Rows that fill their bytes and follow without a gap count as one long
+// row.
 //
 // Promises. No byte without a pixel of the span is read or written, on either side: it may belong to another thread, or
 // to nobody. That is why the ends are no masked wide steps.
@@ -40,6 +42,7 @@
 #include <bit>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <type_traits>
 #include <utility>
 
@@ -240,16 +243,17 @@ void orWordRows(const Rows& given)
 
 constexpr int wordBytes = 8;
 
-/// `orWordRows` for each number of source bytes and destination bytes from 1 on.
-constexpr auto wordRows = []<size_t... index>(std::index_sequence<index...>) {
+/// `orWordRows` for each number of destination bytes from 1 on, with one source byte less, as many, and one more. The
+/// first and last entry belong to no row.
+constexpr auto wordRows = []<int... index>(std::integer_sequence<int, index...>) {
     return std::array<void (*)(const Rows&), sizeof...(index)>{
-        orWordRows<index / wordBytes + 1, index % wordBytes + 1, true>...};
-}(std::make_index_sequence<wordBytes * wordBytes>{});
+        orWordRows<std::clamp(index / 3 + index % 3, 1, wordBytes), index / 3 + 1, true>...};
+}(std::make_integer_sequence<int, 3 * wordBytes>{});
 
 /// The same without a shift, where both have as many bytes.
-constexpr auto alignedWordRows = []<size_t... index>(std::index_sequence<index...>) {
+constexpr auto alignedWordRows = []<int... index>(std::integer_sequence<int, index...>) {
     return std::array<void (*)(const Rows&), sizeof...(index)>{orWordRows<index + 1, index + 1, false>...};
-}(std::make_index_sequence<wordBytes>{});
+}(std::make_integer_sequence<int, wordBytes>{});
 
 /// `bytes` bytes as lanes of 32 bits.
 template <int bytes>
@@ -316,16 +320,20 @@ template <int bytes, bool shifted>
 
         s += leftNeighbour;
         d += 1;
-        // The last step is made before the others and stored behind them: read behind them, its destination would have
-        // to wait until the overlapping store is through.
+        // The first and last step overlap those between, which begin at an aligned address. They are made beforehand
+        // and stored at the end: a read behind an overlapping store would have to wait until that is through.
+        Block first;
         Block last;
+        combine<shifted>(first, d, s, shift);
         combine<shifted>(last, d + lastStep, s + lastStep, shift);
+        const auto aligned = static_cast<ptrdiff_t>(-reinterpret_cast<uintptr_t>(d) & (bytes - 1));
 #pragma GCC unroll 4
-        for (ptrdiff_t k = 0; k < lastStep; k += bytes) {
+        for (ptrdiff_t k = aligned; k < lastStep; k += bytes) {
             Block block;
             combine<shifted>(block, d + k, s + k, shift);
             std::memcpy(d + k, &block, sizeof block);
         }
+        std::memcpy(d, &first, sizeof first);
         std::memcpy(d + lastStep, &last, sizeof last);
     } while (rows.nextRow());
 }
@@ -371,6 +379,19 @@ template <bool shifted>
         orWideRows<4, shifted>(rows);
 }
 
+/// Whole rows without a gap as one long row, where that is the same; else the rows as they are.
+Rows joined(const Rows& rows)
+{
+    const int64_t pixels = int64_t{rows.count} * rows.rowCount;
+    if (rows.srcBytesPerRow != rows.dstBytesPerRow || rows.count != int64_t{rows.srcBytesPerRow} * 8 ||
+        pixels > std::numeric_limits<int>::max())
+        return rows;
+    Rows one = rows;
+    one.count = static_cast<int>(pixels);
+    one.rowCount = 1;
+    return bytesMeet(one) ? rows : one;
+}
+
 void orRows(const Rows& rows)
 {
     const bool shifted = rows.srcBitOffset != rows.dstBitOffset;
@@ -379,9 +400,9 @@ void orRows(const Rows& rows)
     if (bytesMeet(rows))
         orRowsByteByByte(rows);
     else if (std::max(srcBytes, dstBytes) > wordBytes)
-        shifted ? orByWidestStep<true>(rows) : orByWidestStep<false>(rows);
+        shifted ? orByWidestStep<true>(rows) : orByWidestStep<false>(joined(rows));
     else if (shifted)
-        wordRows[(srcBytes - 1) * wordBytes + dstBytes - 1](rows);
+        wordRows[(dstBytes - 1) * 3 + srcBytes - dstBytes + 1](rows);
     else
         alignedWordRows[srcBytes - 1](rows);
 }

@@ -8,9 +8,6 @@
 #endif
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -86,7 +83,8 @@ struct Ours
     Bitmap target;
 };
 
-/// Candidate: the limit, a plain copy of the bytes row by row. It makes no shift and keeps nothing of the destination.
+/// Candidate: the limit, a plain copy of the bytes row by row. It makes no shift and keeps nothing of the destination,
+/// so its picture is its own.
 struct Copy
 {
     explicit Copy(const Case& c)
@@ -101,11 +99,6 @@ struct Copy
             std::memcpy(images.dst.data() + (y + row) * images.dstBytesPerRow + x / 8,
                         images.src.data() + row * images.srcBytesPerRow, bytes);
         benchmark::ClobberMemory();
-    }
-
-    bool shows(const std::vector<uint8_t>&) const
-    {
-        return true;
     }
 
     Images images;
@@ -147,7 +140,7 @@ void insertAll(Candidate& candidate, const Case& c)
         candidate.insert(c, x, y);
 }
 
-/// Times a candidate once its picture is the library's.
+/// Times a candidate once its picture is the library's, where it makes the same one at all.
 template <typename Candidate>
 void time(benchmark::State& state, const Case& c)
 {
@@ -155,10 +148,11 @@ void time(benchmark::State& state, const Case& c)
     insertAll(expected, c);
     Candidate candidate(c);
     insertAll(candidate, c);
-    if (!candidate.shows(expected.images.dst)) {
-        state.SkipWithError("another picture than the library's");
-        return;
-    }
+    if constexpr (requires { candidate.shows(expected.images.dst); })
+        if (!candidate.shows(expected.images.dst)) {
+            state.SkipWithError("another picture than the library's");
+            return;
+        }
     for (auto _ : state)
         insertAll(candidate, c);
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(c.places.size()));
