@@ -533,6 +533,8 @@ TEST(QueueAndPool, TakeNoMemoryFromTheSystem)
     Road road(2);
     const support::AllocationCount count;
     useRoad(road);
+    road.queue.close();
+    road.queue.cancel();
     EXPECT_EQ(0U, count.allocations());
     EXPECT_EQ(0U, count.releases());
 }
