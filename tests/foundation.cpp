@@ -159,6 +159,16 @@ void log()
 }
 } // namespace secondSource
 
+namespace lateSource {
+QUORVIL_LOG_GROUP("Late");
+QUORVIL_LOG_INDEX();
+
+void log()
+{
+    QUORVIL_LOG("Quorvil/Late", 8, "plain\n");
+}
+} // namespace lateSource
+
 TEST(LoggingCall, ReachesTheLogUntilTheConfigurationSilencesAValidIndex)
 {
     using quorvil::intern::noLogGroup;
@@ -216,9 +226,10 @@ TEST(LoggingCall, StoresAnIndexBehindTheTableAndThenNothingSilencesIt)
             OVX_Log_Printf(0, name, 1, 1, 1, 0, "", 0, "%s", "");
         }
         gl_bOVXLConfigLoaded = 1;
+        const int before = ovxlog::calls();
         for (int i = 0; i < 3; ++i)
-            secondSource::log();
-        safePrintf("%u %d", secondSource::logGroupIndex.load(), ovxlog::calls() - 64);
+            lateSource::log();
+        safePrintf("%u %d", lateSource::logGroupIndex.load(), ovxlog::calls() - before);
     });
     EXPECT_EQ(child.out, "64 3");
 }
