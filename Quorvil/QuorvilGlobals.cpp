@@ -1,5 +1,6 @@
 #include "Quorvil/GeneralException.h"
 #include "Quorvil/ImplementedFunc.h"
+#include "Quorvil/QuorvilFastAllocator.h"
 #include "Quorvil/QuorvilGlobalsIntern.h"
 #include "Quorvil/QuorvilInit.h"
 #include "Quorvil/QuorvilLimitedBuffer.h"
@@ -89,6 +90,7 @@ private:
 
 } // namespace
 
+quorvil::SimpleHeap quorvil::SimpleHeap::singleton(0x100000);
 std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
 constinit std::mutex ovx::ImplementedFunc::mu;

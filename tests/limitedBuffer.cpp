@@ -1,5 +1,5 @@
+#include "Quorvil/QuorvilFastAllocator.h"
 #include "Quorvil/QuorvilLimitedBuffer.h"
-
 #include "tests/support/allocationCount.h"
 #include "tests/support/pageFaults.h"
 #include "tests/support/systemCalls.h"
@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
-#include <clocale>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -22,7 +21,6 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <sys/mman.h>
 #include <thread>
 #include <vector>
 
@@ -378,6 +376,23 @@ TEST_F(LimitedBufferOn, RecordsWithoutMemoryOrSystemCalls)
     if (const char* const reason = support::systemCallsHidden())
         GTEST_SKIP() << reason;
     EXPECT_EQ(std::vector<int>(), support::systemCallsOf(record));
+}
+
+TEST_F(LimitedBufferOn, FaultsNoPageInOnceAHeapWasMade)
+{
+    if (const char* const reason = support::PageFaults::hidden())
+        GTEST_SKIP() << reason;
+    LimitedBuffer buffer(1 << 20, 4096, formatPair);
+    const std::string text(4095, 'x');
+    const std::string list(4096, 'y');
+    const quorvil::SimpleHeap heap(8);
+    const support::PageFaults faults;
+    for (int i = 0; i < 300; ++i) {
+        buffer.add(text.data(), text.size());
+        buffer.addf("%d\n", i);
+        buffer.addStateValueList(list.data(), 4096);
+    }
+    EXPECT_EQ(0, faults.count());
 }
 
 TEST_F(LimitedBufferOn, KeepsWritersAndPrintersApart)
