@@ -16,6 +16,7 @@
 #include <functional>
 #include <iomanip>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <new>
 #include <random>
@@ -195,15 +196,16 @@ TEST(LimitedBuffer, IsSilentUntilItIsSwitchedOn)
 
 TEST_F(LimitedBufferOn, PrintsWhatItsModelHoldsAfterEveryShortSequence)
 {
-    for (const auto& [capacity, longest] : std::map<size_t, int>{{1, 8}, {2, 7}, {3, 6}, {4, 6}, {5, 5}}) {
+    constexpr size_t longest[] = {0, 8, 7, 6, 6, 5};
+    for (size_t capacity = 1; capacity < std::size(longest); ++capacity) {
         // Operation n adds n letters, the last one adds a list.
         std::vector<size_t> operations;
-        const std::function<void()> visit = [&, capacity = capacity, most = static_cast<size_t>(longest)] {
+        const std::function<void()> visit = [&] {
             Recorded recorded(capacity);
             for (const size_t operation : operations)
                 operation == capacity ? recorded.addList() : recorded.add(recorded.letters(operation));
             ASSERT_EQ(recorded.expected(), printed(recorded.buffer)) << capacity << testing::PrintToString(operations);
-            for (size_t operation = 0; operation <= capacity && operations.size() < most; ++operation) {
+            for (size_t operation = 0; operation <= capacity && operations.size() < longest[capacity]; ++operation) {
                 operations.push_back(operation);
                 visit();
                 operations.pop_back();
@@ -358,7 +360,7 @@ TEST_F(LimitedBufferOn, LeavesNothingBehindWhenMemoryEnds)
     EXPECT_EQ(recorded.expected(), printed(recorded.buffer));
 }
 
-TEST_F(LimitedBufferOn, RecordsWithoutMemoryOrSystemCalls)
+TEST_F(LimitedBufferOn, RecordsWithoutMemoryAndWithoutSystemCalls)
 {
     LimitedBuffer buffer(600, 2, formatPair);
     const std::string text(599, 'x');
@@ -373,9 +375,10 @@ TEST_F(LimitedBufferOn, RecordsWithoutMemoryOrSystemCalls)
     record();
     EXPECT_EQ(0U, count.allocations());
     EXPECT_EQ(0U, count.releases());
-    if (const char* const reason = support::systemCallsHidden())
-        GTEST_SKIP() << reason;
-    EXPECT_EQ(std::vector<int>(), support::systemCallsOf(record));
+    // The allocations are counted everywhere, the system calls where they can be.
+    if (!support::systemCallsHidden()) {
+        EXPECT_EQ(std::vector<int>(), support::systemCallsOf(record));
+    }
 }
 
 TEST_F(LimitedBufferOn, FaultsNoPageInOnceAHeapWasMade)

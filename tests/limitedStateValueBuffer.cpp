@@ -101,7 +101,7 @@ TEST(LimitedStateValueBuffer, BehavesAsItsModelOverLongRandomUse)
         LimitedStateValueBuffer buffer(bytes);
         Model model;
         int place = 0;
-        for (int step = 0; step < 20000; ++step) {
+        for (int step = 0; step < 10000; ++step) {
             // Mostly as a ring of text does it: lists at the place of the next text, which goes on where the last one
             // ended. The long stretches of adding fill all 128 places, from every one on.
             for (int n = number(40) == 0 ? number(200) : number(3); n > 0; --n) {
