@@ -105,9 +105,7 @@ void LimitedStateValueBuffer::copyFrom(const LimitedStateValueBuffer& src)
     iterValue = nullptr;
     iterPos = nullptr;
     iterLeft = 0;
-    clearFrom = src.clearFrom;
-    clearBytes = src.clearBytes;
-    clearCycleLen = src.clearCycleLen;
+    clearCycleLen = 0;
 }
 
 void LimitedStateValueBuffer::removeOverwritten(int begin, int end, int cycleLen)

@@ -117,10 +117,15 @@ TEST(LimitedStateValueBuffer, BehavesAsItsModelOverLongRandomUse)
             model.removeOverwritten(begin, end, cycleLen);
             place = end % 900;
             if (number(50) == 0) {
+                // Away from these lists to a single one, and back to them.
                 LimitedStateValueBuffer other(bytes);
                 other.copyFrom(buffer);
+                const int skipped = number(900);
+                buffer.removeOverwritten(place, place, 900);
                 buffer.add(place, "12345678", bytes);
+                buffer.removeOverwritten(place, skipped, 900);
                 buffer.copyFrom(other);
+                place = skipped;
             }
             ASSERT_EQ(model.lists, listsOf(buffer, static_cast<size_t>(bytes))) << step;
         }
@@ -157,7 +162,8 @@ TEST(LimitedStateValueBuffer, WithoutListsLooksAtNoArgument)
     LimitedStateValueBuffer buffer(4);
     buffer.removeOverwritten(-1, 99, 0);
     EXPECT_TRUE(listsOf(buffer, 4).empty());
-    const LimitedStateValueBuffer withoutBytes(0);
+    LimitedStateValueBuffer withoutBytes(0);
+    withoutBytes.removeOverwritten(0, 1, 9);
     EXPECT_THROW(LimitedStateValueBuffer(-1), std::bad_array_new_length);
     if constexpr (sizeof(size_t) == 4) {
         EXPECT_THROW(LimitedStateValueBuffer(INT_MAX), std::bad_array_new_length);
@@ -171,6 +177,7 @@ TEST(LimitedStateValueBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
     LimitedStateValueBuffer withoutBytes(0);
     for (int i = 0; i < 128; ++i)
         buffer.add(i == 100 ? 1000 : 50, "abcd", 4);
+    other.add(50, "abcde", 5);
     withoutBytes.add(1, nullptr, 0);
     buffer.startIteration();
     int pos;
@@ -250,6 +257,10 @@ TEST(LimitedStateValueBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
         {overwritten, "0 <= begin && begin < cycleLen", [&] { buffer.removeOverwritten(99, 99, 99); }},
         {overwritten, "0 <= end && end < cycleLen", [&] { buffer.removeOverwritten(0, -1, 99); }},
         {overwritten, "0 <= end && end < cycleLen", [&] { buffer.removeOverwritten(0, 99, 99); }},
+        {overwritten, "0 <= end && end < cycleLen",
+         [&] { other.removeOverwritten(50, 51, 99), other.removeOverwritten(51, 99, 99); }},
+        {overwritten, "0 <= end && end < cycleLen",
+         [&] { other.removeOverwritten(50, 51, 99), other.removeOverwritten(51, -1, 99); }},
         // An older list that is no position fails both with a stretch that wraps and with one that does not.
         {overwritten, "0 <= pos && pos < cycleLen", [&] { buffer.removeOverwritten(10, 20, 99); }},
         {overwritten, "0 <= pos && pos < cycleLen", [&] { buffer.removeOverwritten(90, 10, 99); }},
