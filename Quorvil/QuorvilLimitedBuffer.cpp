@@ -178,6 +178,8 @@ void LimitedBuffer::print(std::ostream& out)
     }
 
     const std::string_view ring(copy.get(), capacity);
+    // A width that was set for this output would hit the first list that is formatted.
+    out.width(0);
     write(out, "\n\n======== LIMITED BUFFER CONTENT ========\n\n");
     copiedLists.startIteration();
     int pos;
