@@ -3,12 +3,14 @@
 #include "Quorvil/QuorvilFastAllocator.h"
 #include "Quorvil/QuorvilGlobalsIntern.h"
 #include "Quorvil/QuorvilInit.h"
+#include "Quorvil/QuorvilLimitedBuffer.h"
 #include "Quorvil/QuorvilLog.h"
 #include "Quorvil/ThreadSafeStream.h"
 #include "siblings/StampGate/StampGate.h"
 
 #include <cerrno>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <pthread.h>
 #include <string>
@@ -89,6 +91,7 @@ private:
 } // namespace
 
 quorvil::SimpleHeap quorvil::SimpleHeap::singleton(0x100000);
+std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
 constinit std::mutex ovx::ImplementedFunc::mu;
 std::set<std::string> ovx::ImplementedFunc::allImplemented;
