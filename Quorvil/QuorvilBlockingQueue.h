@@ -210,7 +210,7 @@ BlockingQueue<T, Alloc>::~BlockingQueue()
 }
 
 template <class T, class Alloc>
-bool BlockingQueue<T, Alloc>::push(T&& value)
+inline bool BlockingQueue<T, Alloc>::push(T&& value)
 {
     bool wake;
     {
