@@ -198,10 +198,8 @@ void BlockingQueue<T, Alloc>::makeSlots()
 template <class T, class Alloc>
 BlockingQueue<T, Alloc>::~BlockingQueue()
 {
-    T* const firstEmpty = writePos;
+    // Once around from the oldest value: those with values come first, the empty ones behind them.
     T* slot = readPos;
-    for (; slot != firstEmpty; slot = next(slot))
-        AllocTraits::destroy(alloc, slot);
     do {
         AllocTraits::destroy(alloc, slot);
         slot = next(slot);
@@ -210,7 +208,7 @@ BlockingQueue<T, Alloc>::~BlockingQueue()
 }
 
 template <class T, class Alloc>
-bool BlockingQueue<T, Alloc>::push(T&& value)
+inline bool BlockingQueue<T, Alloc>::push(T&& value)
 {
     bool wake;
     {

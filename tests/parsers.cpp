@@ -12,10 +12,11 @@ TEST(ParseNum, KnowsThreeForms)
 {
     const std::pair<std::optional<int64_t>, std::vector<const char*>> rows[] = {
         {{}, {"0x", "-0x10", "+5", " 5", "5 ", "12a", "--1", "5-", "\xB5"}},
-        {0, {"", "-", "0", "-0", "0xg", "0x\xE1"}},
+        {0, {"", "-", "0", "-0", "0xg", "0x/:@G`g\xE1"}},
         {10, {"010", "0xa", "0X\xFF A"}},
         {31, {"0x1F", "0X1f", "31"}},
         {18, {"0x1G2", "0x-12"}},
+        {0xAFAF09, {"0xAFaf09"}},
         {-42, {"-42"}},
         {-1, {"0xFFFFFFFFFFFFFFFF", "-18446744073709551617"}},
         {INT64_MIN, {"0x18000000000000000", "9223372036854775808", "-9223372036854775808"}}};
@@ -28,7 +29,7 @@ TEST(ParseNum, KnowsThreeForms)
 
 TEST(ParseNum, AgreesWithTheModelOnEveryShortText)
 {
-    const std::string alphabet = "019/:xX-+ aAfFgG@`\x80\xFF";
+    const std::string alphabet = "019/:xX-afg\xFF";
     const size_t count = alphabet.size();
     for (size_t length = 1, texts = count; length <= 4; ++length, texts *= count)
         for (size_t number = 0; number < texts; ++number) {
