@@ -73,7 +73,7 @@ TEST(BitInputStream, AgreesWithTheModelFromEveryStateForEveryCountAndEveryFailed
 TEST(BitStreams, AgreeWithTheModelInRandomPrograms)
 {
     std::mt19937 random(20260711);
-    for (int round = 0; round < 3000; ++round) {
+    for (int round = 0; round < 600; ++round) {
         std::basic_string<uint8_t> program(4 * 40, 0);
         for (uint8_t& byte : program)
             byte = static_cast<uint8_t>(random());

@@ -8,35 +8,36 @@
 #include "tests/support/assertionTrap.h"
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <string_view>
 
 namespace bitStreamModel {
 
-/// Keeps every call that a byte stream gets as text; the `failAt`th one is refused by an exception.
+/// Keeps every call that a byte stream gets, two characters each; the `failAt`th one is refused by an exception.
 struct Wire final : IByteInputStream, IByteOutputStream
 {
     struct Refusal
     {
     };
 
-    void call(const std::string& what)
+    void call(char kind, int byte = 0)
     {
-        trace += what + ' ';
+        trace += {kind, static_cast<char>(byte)};
         if (failAt > 0 && --failAt == 0)
             throw Refusal();
     }
 
     uint8_t readUint8() override
     {
-        call("read");
+        call('r');
         return static_cast<uint8_t>(++fetched * 0x9D);
     }
 
     // clang-format off
-    void writeUint8(uint8_t byte) override { call(std::to_string(byte)); }
-    void flush() override { call("flush"); }
-    void reset() override { call("reset"); }
+    void writeUint8(uint8_t byte) override { call('w', byte); }
+    void flush() override { call('f'); }
+    void reset() override { call('0'); }
     // clang-format on
 
     std::string trace;
@@ -190,12 +191,11 @@ public:
     {
         realWire.trace.clear();
         modelWire.trace.clear();
-        const std::string got = outcome([&] { return operation(*output, *input); }) + " after " + realWire.trace;
-        const std::string wanted =
-            outcome([&] { return operation(outputModel, inputModel); }) + " after " + modelWire.trace;
-        if (got != wanted && difference.empty())
-            difference = "got " + got + ", wanted " + wanted;
-        return static_cast<int>(std::count(modelWire.trace.begin(), modelWire.trace.end(), ' '));
+        const std::string got = outcome([&] { return operation(*output, *input); });
+        const std::string wanted = outcome([&] { return operation(outputModel, inputModel); });
+        if ((got != wanted || realWire.trace != modelWire.trace) && difference.empty())
+            difference = "got " + got + " after " + realWire.trace + ", wanted " + wanted + " after " + modelWire.trace;
+        return static_cast<int>(modelWire.trace.size() / 2);
     }
 
     int write(int firstBit, int numBits, uint32_t value)
