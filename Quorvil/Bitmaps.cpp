@@ -362,23 +362,6 @@ QUORVIL_CHOSEN_BLIT void orChosenRows(const Rows& rows)
 }
 #endif
 
-/// ORs rows by the widest step that fits between the first byte and the last.
-template <bool shifted>
-[[gnu::noinline]] void orByWidestStep(const Rows& rows)
-{
-    const ptrdiff_t between = rows.dstBytes() - 2;
-#ifdef QUORVIL_CHOSEN_BLIT
-    if (between >= chosenStep && machineHasChosenStep())
-        return orChosenRows<shifted>(rows);
-#endif
-    if (between >= 16)
-        orWideRows<16, shifted>(rows);
-    else if (between >= 8)
-        orWideRows<8, shifted>(rows);
-    else
-        orWideRows<4, shifted>(rows);
-}
-
 /// Whole rows without a gap as one long row, where that is the same; else the rows as they are.
 Rows joined(const Rows& rows)
 {
@@ -392,6 +375,24 @@ Rows joined(const Rows& rows)
     return bytesMeet(one) ? rows : one;
 }
 
+/// ORs rows by the widest step that fits between the first byte and the last.
+template <bool shifted>
+[[gnu::noinline]] void orByWidestStep(const Rows& given)
+{
+    const Rows rows = shifted ? given : joined(given);
+    const ptrdiff_t between = rows.dstBytes() - 2;
+#ifdef QUORVIL_CHOSEN_BLIT
+    if (between >= chosenStep && machineHasChosenStep())
+        return orChosenRows<shifted>(rows);
+#endif
+    if (between >= 16)
+        orWideRows<16, shifted>(rows);
+    else if (between >= 8)
+        orWideRows<8, shifted>(rows);
+    else
+        orWideRows<4, shifted>(rows);
+}
+
 void orRows(const Rows& rows)
 {
     const bool shifted = rows.srcBitOffset != rows.dstBitOffset;
@@ -400,7 +401,7 @@ void orRows(const Rows& rows)
     if (bytesMeet(rows))
         orRowsByteByByte(rows);
     else if (std::max(srcBytes, dstBytes) > wordBytes)
-        shifted ? orByWidestStep<true>(rows) : orByWidestStep<false>(joined(rows));
+        shifted ? orByWidestStep<true>(rows) : orByWidestStep<false>(rows);
     else if (shifted)
         wordRows[(dstBytes - 1) * 3 + srcBytes - dstBytes + 1](rows);
     else
