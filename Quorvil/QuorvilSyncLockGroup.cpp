@@ -22,7 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* source = "Quorvil/QuorvilSyncLockGroup";
 constexpr std::chrono::nanoseconds longestWait = 499ms;
 constexpr std::chrono::nanoseconds longestHold = 4ms;
 
@@ -60,12 +59,6 @@ std::string measured(const std::string& file, int line, const char* what, std::c
     std::cout << std::endl;
 }
 
-[[gnu::cold, gnu::noinline]] void reportTimeout(const char* file, int line)
-{
-    std::cout << "LockGroup::lock failed in " + place(file, line) + " for 1sec!\n";
-    printLimitedBuffer();
-}
-
 } // namespace
 
 LockGroup::LockGroup() = default;
@@ -81,29 +74,24 @@ Unguard LockGroup::unguard(const char* file, int line)
     return Unguard(*this, file, line);
 }
 
-bool LockGroup::lock(const char* file, int line)
+/// Waits for a lock that is taken, and reports the one that stays so.
+bool LockGroup::lockWithinASecond(const char* file, int line)
 {
-    constexpr const char* function = "void quorvil::sync::LockGroup::lock(const char*, int)";
-    intern::require(file != nullptr, "file", source, 136, function);
-    intern::require(line > 0, "line > 0", source, 137, function);
-    // A free lock needs no deadline, and so no clock.
-    if (!mutex.try_lock() && !mutex.try_lock_for(1s)) {
-        reportTimeout(file, line);
-        return false;
-    }
-    if (util::gl_pTrenvikLimitedBuffer)
-        util::gl_pTrenvikLimitedBuffer->addf("[%s:%d] LOCK\n", file, line);
-    return true;
+    if (mutex.try_lock_for(1s))
+        return true;
+    std::cout << "LockGroup::lock failed in " + place(file, line) + " for 1sec!\n";
+    printLimitedBuffer();
+    return false;
 }
 
-void LockGroup::unlock(const char* file, int line)
+void LockGroup::traceLock(const char* file, int line)
 {
-    constexpr const char* function = "void quorvil::sync::LockGroup::unlock(const char*, int)";
-    intern::require(file != nullptr, "file", source, 150, function);
-    intern::require(line > 0, "line > 0", source, 151, function);
-    if (util::gl_pTrenvikLimitedBuffer)
-        util::gl_pTrenvikLimitedBuffer->addf("[%s:%d] UNLOCK\n", file, line);
-    mutex.unlock();
+    util::gl_pTrenvikLimitedBuffer->addf("[%s:%d] LOCK\n", file, line);
+}
+
+void LockGroup::traceUnlock(const char* file, int line)
+{
+    util::gl_pTrenvikLimitedBuffer->addf("[%s:%d] UNLOCK\n", file, line);
 }
 
 Guard::Guard(LockGroup& group_, const char* file_, int line_)
@@ -174,7 +162,7 @@ bool Guard::isInterrupted()
 /// The group of a guard that was not moved from.
 LockGroup& Guard::held(int callersLine, const char* function)
 {
-    intern::require(group != nullptr, "group", source, static_cast<unsigned>(callersLine), function);
+    intern::require(group != nullptr, "group", LockGroup::source, static_cast<unsigned>(callersLine), function);
     return *group;
 }
 

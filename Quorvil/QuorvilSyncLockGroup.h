@@ -4,13 +4,23 @@
 #ifndef QUORVIL_QUORVILSYNCLOCKGROUP_H
 #define QUORVIL_QUORVILSYNCLOCKGROUP_H
 
+#include "Quorvil/QuorvilAssert.h"
 #include "Quorvil/QuorvilExport.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <string>
+
+namespace util {
+
+// Only whether there is a buffer matters here; users of a lock need not know what it is.
+class LimitedBuffer;
+QUORVIL_API extern std::shared_ptr<LimitedBuffer> gl_pTrenvikLimitedBuffer;
+
+} // namespace util
 
 namespace quorvil {
 
@@ -99,6 +109,12 @@ public:
 private:
     friend class Guard;
     friend class Unguard;
+
+    static constexpr const char* source = "Quorvil/QuorvilSyncLockGroup";
+
+    bool lockWithinASecond(const char* file, int line);
+    static void traceLock(const char* file, int line);
+    static void traceUnlock(const char* file, int line);
 
     std::recursive_timed_mutex mutex;
     std::condition_variable_any condition;
@@ -213,6 +229,31 @@ public:
 private:
     LockGroup* group;
 };
+
+// In the header, so that a free lock without a trace costs no more than the mutex.
+
+inline bool LockGroup::lock(const char* file, int line)
+{
+    constexpr const char* function = "void quorvil::sync::LockGroup::lock(const char*, int)";
+    intern::require(file != nullptr, "file", source, 136, function);
+    intern::require(line > 0, "line > 0", source, 137, function);
+    // A free lock needs no deadline, and so no clock.
+    if (!mutex.try_lock() && !lockWithinASecond(file, line))
+        return false;
+    if (util::gl_pTrenvikLimitedBuffer)
+        traceLock(file, line);
+    return true;
+}
+
+inline void LockGroup::unlock(const char* file, int line)
+{
+    constexpr const char* function = "void quorvil::sync::LockGroup::unlock(const char*, int)";
+    intern::require(file != nullptr, "file", source, 150, function);
+    intern::require(line > 0, "line > 0", source, 151, function);
+    if (util::gl_pTrenvikLimitedBuffer)
+        traceUnlock(file, line);
+    mutex.unlock();
+}
 
 /// A group for common use by the library's clients. The library itself never takes it.
 QUORVIL_API extern LockGroup gl_trenvikLockGroup;
