@@ -89,7 +89,7 @@ TEST(CountingSemaphore, HandsOutItsCountsAndNoMore)
 
 TEST(CountingSemaphore, HandsEveryCountFromProducersToConsumers)
 {
-    constexpr int rounds = 250'000;
+    const int rounds = 250'000 * support::stressFactor();
     CountingSemaphore semaphore(0);
     std::atomic<int> balance{0};
     std::vector<std::thread> threads;
@@ -280,31 +280,17 @@ TEST(CountingSemaphoreDeathTest, AFailureThatMustNotBeIsReportedAndEndsTheProces
         report(end, 59, invalid));
 }
 
-/// A semaphore whose life is over, while its storage is not.
-class Finished
-{
-public:
-    Finished()
-    {
-        std::launder(reinterpret_cast<CountingSemaphore*>(storage))->~CountingSemaphore();
-    }
-    __attribute__((no_sanitize("undefined"))) CountingSemaphore* get()
-    {
-        return semaphore;
-    }
-
-private:
-    alignas(CountingSemaphore) unsigned char storage[sizeof(CountingSemaphore)];
-    CountingSemaphore* semaphore = new (storage) CountingSemaphore(1);
-};
-
 TEST(CountingSemaphoreDeathTest, ACallOfAFinishedSemaphoreAborts)
 {
-    Finished finished;
+    if (support::sanitized && !support::threadSanitized)
+        GTEST_SKIP() << "the sanitizer marks what is left of an ended object";
+    alignas(CountingSemaphore) unsigned char storage[sizeof(CountingSemaphore)];
+    auto* const finished = new (storage) CountingSemaphore(1);
+    finished->~CountingSemaphore();
     const auto aborts = testing::KilledBySignal(SIGABRT);
-    EXPECT_EXIT(finished.get()->wait(), aborts, "Illegal state CS_DELETED in CountingSemaphore::wait\n");
-    EXPECT_EXIT(finished.get()->timedwait(TimeSpec()), aborts, "Illegal state CS_DELETED in CountingSemaphore::wait\n");
-    EXPECT_EXIT(finished.get()->post(), aborts, "Illegal state CS_DELETED in CountingSemaphore::post\n");
+    EXPECT_EXIT(finished->wait(), aborts, "Illegal state CS_DELETED in CountingSemaphore::wait\n");
+    EXPECT_EXIT(finished->timedwait(TimeSpec()), aborts, "Illegal state CS_DELETED in CountingSemaphore::wait\n");
+    EXPECT_EXIT(finished->post(), aborts, "Illegal state CS_DELETED in CountingSemaphore::post\n");
 }
 
 // ---- the end under waiters
@@ -437,39 +423,34 @@ TEST(CountingSemaphore, IsDestroyedUnderWaitersWhereverTheyStand)
 TEST(CountingSemaphore, IsDestroyedUnderManyWaitersThousandsOfTimes)
 {
     constexpr int threads = 4;
-    constexpr int rounds = 3000;
+    const int rounds = 3000 * support::stressFactor();
+    support::Gate started;
+    support::Gate arrived;
+    support::Gate left;
+    const support::HookScope untimed(sem_waitFault, [&] { arrived.open(); });
+    const support::HookScope timed(sem_timedwaitFault, [&] { arrived.open(); });
     std::atomic<CountingSemaphore*> current{nullptr};
-    std::atomic<int> round{0};
-    std::atomic<int> left{0};
     std::atomic<int> counted{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < threads; ++i)
         waiters.emplace_back([&, i] {
-            for (int mine = 1; mine <= rounds; ++mine) {
-                for (int seen = round; seen < mine; seen = round)
-                    round.wait(seen);
-                if (endOf(*current, (mine + i) % 2 == 0 ? Wait::untimed : Wait::untilLater) == End::counted)
+            for (int round = 1; round <= rounds; ++round) {
+                started.await(round);
+                if (endOf(*current, (round + i) % 2 == 0 ? Wait::untimed : Wait::untilLater) == End::counted)
                     ++counted;
-                ++left;
+                left.open();
             }
         });
-    for (int mine = 1; mine <= rounds; ++mine) {
-        const int posted = mine % (threads + 1);
+    for (int round = 1; round <= rounds; ++round) {
+        const int posted = round % (threads + 1);
         counted = 0;
-        left = 0;
-        sem_waitFault.calls = 0;
-        sem_timedwaitFault.calls = 0;
-        auto semaphore = std::make_unique<CountingSemaphore>(0);
-        current = semaphore.get();
-        round = mine;
-        round.notify_all();
-        while (sem_waitFault.calls + sem_timedwaitFault.calls < threads)
-            std::this_thread::yield();
+        current = new CountingSemaphore(0);
+        started.open();
+        arrived.await(round * threads);
         for (int i = 0; i < posted; ++i)
-            semaphore->post();
-        semaphore.reset();
-        while (left < threads)
-            std::this_thread::yield();
+            current.load()->post();
+        delete current;
+        left.await(round * threads);
         EXPECT_LE(counted, posted);
     }
     for (std::thread& waiter : waiters)

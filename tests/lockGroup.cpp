@@ -393,7 +393,7 @@ TEST(LockGroup, OffersOneForCommonUse)
 
 TEST(LockGroup, KeepsThreadsApartWhicheverWayTheyLock)
 {
-    constexpr int rounds = 250'000;
+    const int rounds = 250'000 * support::stressFactor();
     LockGroup group;
     int count = 0;
     std::vector<std::thread> threads;

@@ -25,7 +25,16 @@
 #define QUORVIL_TEST_THREAD_SANITIZED 0
 #endif
 
+#include <cstdlib>
+
 namespace support {
+
+/// How many times its usual rounds a stress test makes: the environment's QUORVIL_STRESS, or 1.
+inline int stressFactor()
+{
+    const char* const factor = std::getenv("QUORVIL_STRESS");
+    return factor && std::atoi(factor) > 0 ? std::atoi(factor) : 1;
+}
 
 /// The build carries a sanitizer, whose runtime allocates, faults pages in and makes system calls of its own.
 inline constexpr bool sanitized = QUORVIL_TEST_SANITIZED;
