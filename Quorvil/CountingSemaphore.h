@@ -80,7 +80,7 @@ public:
     ///
     /// @throws CountingSemaphoreDeletingException  the semaphore is being destroyed; no count is added
     /// @requires linuxFuncResult != -1
-    /// @threads any   @realtime waits
+    /// @threads any   @realtime bounded
     void post();
 
     /// The number of counts at some moment of the call, by `sem_getvalue`; never negative.

@@ -44,6 +44,9 @@ public:
 
     virtual ~Element();
 
+    /// Sets where the element belongs.
+    ///
+    /// @param pool  not owned; null: nowhere
     /// @threads owner of the group   @realtime bounded
     void setPool(Pool* pool);
 
@@ -58,6 +61,8 @@ public:
     /// @threads owner of the group   @realtime bounded
     Element* getNext() const;
 
+    /// Where the element belongs, or null.
+    ///
     /// @threads owner of the group   @realtime bounded
     Pool* getPool() const;
 

@@ -62,6 +62,8 @@ public:
     /// @threads any   @realtime allocates
     LockGroup();
 
+    /// Destroys mutex and condition.
+    ///
     /// @threads owner   @realtime bounded
     ~LockGroup();
 

@@ -157,7 +157,7 @@ TEST(Guard, AssignmentExchangesGroupsAndTimesAndLeavesTheSourcePlaces)
 {
     LockGroup a;
     LockGroup b;
-    const support::WallClock clock({start, start + 500 * ms, start + 500 * ms});
+    const support::WallClock clock({start, start + 500 * ms, start + 502 * ms, start + 502 * ms, start + 504 * ms});
     EXPECT_EQ(outputOf([&] {
                   Guard first(a, "first", 1);
                   {
@@ -176,6 +176,10 @@ TEST(Guard, ThatCannotBeMadeLeavesTheGroupAlone)
     LockGroup group;
     pthread_mutex_lockFault.calls = 0;
     EXPECT_THROW(Guard(group, nullptr, 1), std::logic_error);
+    if (!support::AllocationFailure::hidden()) {
+        const support::AllocationFailure failure(1);
+        EXPECT_THROW(Guard(group, "a name for which a string needs memory", 1), std::bad_alloc);
+    }
     EXPECT_EQ(pthread_mutex_lockFault.calls, 0);
     {
         const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
@@ -460,12 +464,13 @@ TEST(GuardDeathTest, MovedFromIsOfNoUse)
     LockGroup group;
     Guard guard(group, "a.cpp", 1);
     const Guard moved(std::move(guard));
-    const std::string source = "Quorvil/QuorvilSyncLockGroup";
-    EXPECT_DEATH(guard.wait(), support::assertion(source, "void quorvil::sync::Guard::wait()", "group"));
-    EXPECT_DEATH(guard.notifyAll(), support::assertion(source, "void quorvil::sync::Guard::notifyAll()", "group"));
-    EXPECT_DEATH(guard.interrupt(), support::assertion(source, "void quorvil::sync::Guard::interrupt()", "group"));
-    EXPECT_DEATH(guard.isInterrupted(),
-                 support::assertion(source, "bool quorvil::sync::Guard::isInterrupted()", "group"));
+    const auto fails = [](const char* function) {
+        return support::assertion("Quorvil/QuorvilSyncLockGroup", function, "group");
+    };
+    EXPECT_DEATH(guard.wait(), fails("void quorvil::sync::Guard::wait()"));
+    EXPECT_DEATH(guard.notifyAll(), fails("void quorvil::sync::Guard::notifyAll()"));
+    EXPECT_DEATH(guard.interrupt(), fails("void quorvil::sync::Guard::interrupt()"));
+    EXPECT_DEATH(guard.isInterrupted(), fails("bool quorvil::sync::Guard::isInterrupted()"));
 }
 
 TEST(UnguardDeathTest, ThatCannotLockAgainEndsTheProcess)
