@@ -1,5 +1,6 @@
 #include "Quorvil/GeneralException.h"
 #include "Quorvil/ImplementedFunc.h"
+#include "Quorvil/QuorvilFastAllocator.h"
 #include "Quorvil/QuorvilGlobalsIntern.h"
 #include "Quorvil/QuorvilInit.h"
 #include "Quorvil/QuorvilLimitedBuffer.h"
@@ -90,6 +91,7 @@ private:
 
 } // namespace
 
+quorvil::SimpleHeap quorvil::SimpleHeap::singleton(0x100000);
 std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
 quorvil::sync::LockGroup quorvil::sync::gl_trenvikLockGroup;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};

@@ -24,6 +24,17 @@ constexpr const char* sourceText = "Quorvil/QuorvilLimitedBuffer";
 
 constinit std::atomic<bool> bufferingActive{false};
 
+/// The body of `checkInvariants`, which each text that is added passes twice.
+void requireRing(const char* begin, const char* end, const char* next, std::size_t size)
+{
+    constexpr const char* function = "void util::LimitedBuffer::checkInvariants() const";
+    require(begin < end, "begin < end", sourceText, __LINE__, function);
+    require(begin <= next, "begin <= next", sourceText, __LINE__, function);
+    require(next < end, "next < end", sourceText, __LINE__, function);
+    require(size <= static_cast<std::size_t>(end - begin), "(ptrdiff_t)size <= (end - begin)", sourceText, __LINE__,
+            function);
+}
+
 /// Writes without regard to the stream's width and fill, so that the texts come out letter for letter.
 void write(std::ostream& out, std::string_view text)
 {
@@ -86,6 +97,28 @@ bool LimitedBuffer::isBufferingActive()
     return bufferingActive;
 }
 
+/// The common body of `add` and `addf`; `lock` is the caller's, on `mutex`.
+inline void LimitedBuffer::internAdd(const char* text, std::size_t len, std::unique_lock<std::mutex>&)
+{
+    requireRing(begin, end, next, size);
+    const auto capacity = static_cast<std::size_t>(end - begin);
+    require(len < capacity, "(ptrdiff_t)len < (end - begin)", sourceText, __LINE__,
+            "void util::LimitedBuffer::internAdd(const char*, size_t, L&)");
+    const auto oldPosition = static_cast<int>(next - begin);
+    const auto untilEnd = static_cast<std::size_t>(end - next);
+    if (len < untilEnd) {
+        std::copy_n(text, len, next);
+        next += len;
+    } else {
+        std::copy_n(text, untilEnd, next);
+        std::copy_n(text + untilEnd, len - untilEnd, begin);
+        next = begin + (len - untilEnd);
+    }
+    size = std::min(size + len, capacity);
+    stateValues.removeOverwritten(oldPosition, static_cast<int>(next - begin), static_cast<int>(capacity));
+    requireRing(begin, end, next, size);
+}
+
 void LimitedBuffer::add(const char* text, std::size_t len)
 {
     if (!bufferingActive)
@@ -145,6 +178,8 @@ void LimitedBuffer::print(std::ostream& out)
     }
 
     const std::string_view ring(copy.get(), capacity);
+    // A width that was set for this output would hit the first list that is formatted.
+    out.width(0);
     write(out, "\n\n======== LIMITED BUFFER CONTENT ========\n\n");
     copiedLists.startIteration();
     int pos;
@@ -176,12 +211,7 @@ void LimitedBuffer::readPart(char* partBegin, std::size_t partSize, std::ostream
 
 void LimitedBuffer::checkInvariants() const
 {
-    constexpr const char* function = "void util::LimitedBuffer::checkInvariants() const";
-    require(begin < end, "begin < end", sourceText, __LINE__, function);
-    require(begin <= next, "begin <= next", sourceText, __LINE__, function);
-    require(next < end, "next < end", sourceText, __LINE__, function);
-    require(size <= static_cast<std::size_t>(end - begin), "(ptrdiff_t)size <= (end - begin)", sourceText, __LINE__,
-            function);
+    requireRing(begin, end, next, size);
 }
 
 char* LimitedBuffer::walk(char* a, std::ptrdiff_t n) const
@@ -222,26 +252,6 @@ char* LimitedBuffer::ringNext() const
 {
     const std::lock_guard lock(mutex);
     return next;
-}
-
-/// The common body of `add` and `addf`; `lock` is the caller's, on `mutex`.
-void LimitedBuffer::internAdd(const char* text, std::size_t len, std::unique_lock<std::mutex>&)
-{
-    checkInvariants();
-    require(len < static_cast<std::size_t>(end - begin), "(ptrdiff_t)len < (end - begin)", sourceText, __LINE__,
-            "void util::LimitedBuffer::internAdd(const char*, size_t, L&)");
-    const auto oldPosition = static_cast<int>(next - begin);
-    const auto capacity = static_cast<std::size_t>(end - begin);
-    const auto untilEnd = static_cast<std::size_t>(end - next);
-    if (len < untilEnd) {
-        next = std::copy_n(text, len, next);
-    } else {
-        std::copy_n(text, untilEnd, next);
-        next = std::copy_n(text + untilEnd, len - untilEnd, begin);
-    }
-    size = std::min(size + len, capacity);
-    stateValues.removeOverwritten(oldPosition, static_cast<int>(next - begin), static_cast<int>(capacity));
-    checkInvariants();
 }
 
 std::ostream& operator<<(std::ostream& out, LimitedBuffer& buffer)

@@ -107,9 +107,9 @@ public:
     /// Writes a header, the text from the oldest to the newest byte with each list formatted at its place, and a
     /// footer.
     ///
-    /// It works on a copy: writers are held up for the copying of the ring and the lists, not for the output. The texts
-    /// are written unformatted, whatever width the stream is set to. What the stream or the formatter throws passes
-    /// through and leaves the buffer as it was.
+    /// It works on a copy: writers are held up for the copying of the ring and the lists, not for the output. The
+    /// stream's width is reset and nothing is padded. What the stream or the formatter throws passes through and leaves
+    /// the buffer as it was.
     ///
     /// @throws std::bad_alloc  there is no memory for the copy; nothing has been written
     /// @throws std::system_error  the lock cannot be taken

@@ -23,6 +23,12 @@ std::size_t valueRingSize(int bytesPerValueList, int entries)
     return static_cast<std::size_t>(bytesPerValueList) * static_cast<std::size_t>(entries);
 }
 
+/// The distance from `from` forward to `to` in a cycle, 1 to its length.
+int forward(int from, int to, int cycleLen)
+{
+    return to > from ? to - from : to - from + cycleLen;
+}
+
 /// Whether `pos` lies in the stretch of a cycle that was just written: behind `begin`, up to and including `end`.
 bool overwritten(int pos, int begin, int end, int cycleLen)
 {
@@ -30,60 +36,8 @@ bool overwritten(int pos, int begin, int end, int cycleLen)
     require(0 <= pos && pos < cycleLen, "0 <= pos && pos < cycleLen", sourceText, __LINE__, function);
     require(0 <= begin && begin < cycleLen, "0 <= begin && begin < cycleLen", sourceText, __LINE__, function);
     require(0 <= end && end < cycleLen, "0 <= end && end < cycleLen", sourceText, __LINE__, function);
-    if (begin < end)
-        return pos > begin && pos <= end;
-    return pos > begin || pos <= end;
+    return forward(begin, pos, cycleLen) <= forward(begin, end, cycleLen);
 }
-
-/// The positions that a write leaves standing, as two ranges: behind `end` up to and including `begin`, cut in two at
-/// the border of the cycle. What is no position of the cycle does not stand either.
-///
-/// Every text that is added asks this of up to 128 positions, nearly always with the answer that all stand. So they are
-/// looked at in flat blocks, without a jump, which the compiler turns into vector instructions.
-class Standing
-{
-public:
-    Standing(int begin, int end, int cycleLen)
-        : behindLow(begin < end ? -1 : end)
-        , low(begin)
-        , behindHigh(end)
-        , high(begin < end ? cycleLen - 1 : begin)
-    {
-    }
-
-    /// Number of positions directly before `last`, from `first` on, that stand without a gap.
-    int countBefore(const int* first, const int* last) const
-    {
-        const int* position = last;
-        while (position - first >= blockLength && blockStands(position - blockLength))
-            position -= blockLength;
-        while (position != first && stands(position[-1]))
-            --position;
-        return static_cast<int>(last - position);
-    }
-
-private:
-    static constexpr std::ptrdiff_t blockLength = 16;
-
-    bool stands(int pos) const
-    {
-        // No short-circuit: each would be a jump.
-        return ((pos > behindLow) & (pos <= low)) | ((pos > behindHigh) & (pos <= high));
-    }
-
-    bool blockStands(const int* block) const
-    {
-        int standing = 1;
-        for (std::ptrdiff_t i = 0; i < blockLength; ++i)
-            standing &= static_cast<int>(stands(block[i]));
-        return standing != 0;
-    }
-
-    int behindLow;
-    int low;
-    int behindHigh;
-    int high;
-};
 
 } // namespace
 
@@ -101,6 +55,9 @@ LimitedStateValueBuffer::LimitedStateValueBuffer(int bytesPerValueList_)
     , iterValue(nullptr)
     , iterPos(nullptr)
     , iterLeft(0)
+    , clearFrom(0)
+    , clearBytes(0)
+    , clearCycleLen(0)
 {
 }
 
@@ -124,6 +81,9 @@ void LimitedStateValueBuffer::add(int pos, const char* values, int numBytes)
     require(nextPos >= posBuf && nextPos < posBufEnd, "nextPos >= posBuf && nextPos < posBufEnd", sourceText, __LINE__,
             function);
     *nextPos = pos;
+    // A list at the place of the next text is overwritten last; any other has to be looked at.
+    if (pos != clearFrom)
+        clearCycleLen = 0;
     ++nextPos;
     if (nextPos == posBufEnd)
         nextPos = posBuf;
@@ -145,38 +105,40 @@ void LimitedStateValueBuffer::copyFrom(const LimitedStateValueBuffer& src)
     iterValue = nullptr;
     iterPos = nullptr;
     iterLeft = 0;
+    clearCycleLen = 0;
 }
 
 void LimitedStateValueBuffer::removeOverwritten(int begin, int end, int cycleLen)
 {
     if (numEntries < 1)
         return;
-    // The newest list is asked by itself: the answer also settles that the three arguments fit together.
-    int* newestPos = nextPos;
-    char* newestValue = nextValue;
-    posStepBack(&newestPos);
-    valueStepBack(&newestValue);
-    if (overwritten(*newestPos, begin, end, cycleLen)) {
-        numEntries = 0;
-        return;
+    // Every text that is added comes here, and few reach a list: so the lists are looked at only when one may be
+    // reached.
+    if (begin == clearFrom && cycleLen == clearCycleLen && 0 <= end && end < cycleLen) {
+        const int written = forward(begin, end, cycleLen);
+        if (written < clearBytes) {
+            clearFrom = end;
+            clearBytes -= written;
+            return;
+        }
     }
 
-    // The lists lie in two runs, the newer one before nextPos, the older one before the end of the ring.
-    const Standing standing(begin, end, cycleLen);
-    const int newer = std::min(numEntries, static_cast<int>(nextPos - posBuf));
-    const int older = numEntries - newer;
-    int kept = standing.countBefore(nextPos - newer, nextPos);
-    const int* oldestKept = nextPos - kept;
-    if (kept == newer && older > 0) {
-        const int keptOlder = standing.countBefore(posBufEnd - older, posBufEnd);
-        kept += keptOlder;
-        oldestKept = posBufEnd - keptOlder;
+    int* pos = nextPos;
+    char* value = nextValue;
+    // The values stay where they are: one step tells an object that can hold none, and the others would only repeat it.
+    valueStepBack(&value);
+    int nearest = cycleLen;
+    for (int i = 0; i < numEntries; ++i) {
+        pos = (pos == posBuf ? posBufEnd : pos) - 1;
+        if (overwritten(*pos, begin, end, cycleLen)) {
+            numEntries = i;
+            break;
+        }
+        nearest = std::min(nearest, forward(begin, *pos, cycleLen));
     }
-    if (kept == numEntries)
-        return;
-    // What does not stand is overwritten, or no position of this cycle, which is an error.
-    (void)overwritten(oldestKept[-1], begin, end, cycleLen);
-    numEntries = kept;
+    clearFrom = end;
+    clearBytes = nearest - forward(begin, end, cycleLen);
+    clearCycleLen = cycleLen;
 }
 
 void LimitedStateValueBuffer::startIteration()

@@ -120,6 +120,12 @@ private:
     char* iterValue;
     int* iterPos;
     int iterLeft;
+
+    // What the last look at the positions found: they all lie in a cycle of clearCycleLen bytes (0: nothing is known),
+    // and a text that begins at clearFrom overwrites none of them as long as it has less than clearBytes bytes.
+    int clearFrom;
+    int clearBytes;
+    int clearCycleLen;
 };
 
 } // namespace util

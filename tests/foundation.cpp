@@ -120,6 +120,7 @@ TEST(Init, VersionIsTheBuilds)
 
 TEST(Init, LocaleIsGermanWithEnglishNumbersAndAMissingOneIsNoError)
 {
+    localeCalls.clear();
     noteLocaleCalls = true;
     initLocale();
     noteLocaleCalls = false;
@@ -159,6 +160,16 @@ void log()
 }
 } // namespace secondSource
 
+namespace lateSource {
+QUORVIL_LOG_GROUP("Late");
+QUORVIL_LOG_INDEX();
+
+void log()
+{
+    QUORVIL_LOG("Quorvil/Late", 8, "plain\n");
+}
+} // namespace lateSource
+
 TEST(LoggingCall, ReachesTheLogUntilTheConfigurationSilencesAValidIndex)
 {
     using quorvil::intern::noLogGroup;
@@ -179,6 +190,8 @@ TEST(LoggingCall, ReachesTheLogUntilTheConfigurationSilencesAValidIndex)
         {"configured, index behind the table", 1, 64, 0, true},
     };
     testing::internal::CaptureStderr();
+    const uint32_t noname = OVX_Log_Printf(0, "Noname", 1, 1, 1, 0, "", 0, "%s", "");
+    secondSource::logGroupIndex = noLogGroup;
     for (const auto& row : rows) {
         gl_bOVXLConfigLoaded = row.loaded;
         firstSource::logGroupIndex = row.index;
@@ -193,7 +206,7 @@ TEST(LoggingCall, ReachesTheLogUntilTheConfigurationSilencesAValidIndex)
             EXPECT_EQ(firstSource::logGroupIndex, row.index) << row.name;
             continue;
         }
-        EXPECT_EQ(firstSource::logGroupIndex, 0U) << row.name;
+        EXPECT_EQ(firstSource::logGroupIndex, noname) << row.name;
         const ovxlog::LastCall last = ovxlog::lastCall();
         EXPECT_EQ(last.groupIndex, row.index) << row.name;
         EXPECT_STREQ(last.group, "Noname");
@@ -216,9 +229,10 @@ TEST(LoggingCall, StoresAnIndexBehindTheTableAndThenNothingSilencesIt)
             OVX_Log_Printf(0, name, 1, 1, 1, 0, "", 0, "%s", "");
         }
         gl_bOVXLConfigLoaded = 1;
+        const int before = ovxlog::calls();
         for (int i = 0; i < 3; ++i)
-            secondSource::log();
-        safePrintf("%u %d", secondSource::logGroupIndex.load(), ovxlog::calls() - 64);
+            lateSource::log();
+        safePrintf("%u %d", lateSource::logGroupIndex.load(), ovxlog::calls() - before);
     });
     EXPECT_EQ(child.out, "64 3");
 }

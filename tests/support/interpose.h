@@ -209,6 +209,10 @@ private:
         if (!function##Real)                                                                                           \
             function##Real = support::real<Result(*) parameters>(#function);                                           \
         return function##Real arguments;                                                                               \
+    }                                                                                                                  \
+    namespace {                                                                                                        \
+    /* Looked up before the tests begin: a look-up allocates. */                                                       \
+    [[maybe_unused]] const bool function##Ready = (function##Real = support::real<Result(*) parameters>(#function));   \
     }
 
 #endif
