@@ -2,12 +2,15 @@
 #include "Quorvil/ImplementedFunc.h"
 #include "Quorvil/QuorvilGlobalsIntern.h"
 #include "Quorvil/QuorvilInit.h"
+#include "Quorvil/QuorvilLimitedBuffer.h"
 #include "Quorvil/QuorvilLog.h"
+#include "Quorvil/QuorvilSyncLockGroup.h"
 #include "Quorvil/ThreadSafeStream.h"
 #include "siblings/StampGate/StampGate.h"
 
 #include <cerrno>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <pthread.h>
 #include <string>
@@ -87,6 +90,8 @@ private:
 
 } // namespace
 
+std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
+quorvil::sync::LockGroup quorvil::sync::gl_trenvikLockGroup;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
 constinit std::mutex ovx::ImplementedFunc::mu;
 std::set<std::string> ovx::ImplementedFunc::allImplemented;
