@@ -175,6 +175,12 @@ private:
     friend class Dot2;
     friend class ContinueSegment;
 
+    /// Holds a copy of the segment back. Kept out of `ContinueSegment`, which meets it once a segment, not once a byte.
+    [[gnu::noinline]] void holdBack()
+    {
+        segments.push_back(segment);
+    }
+
     /// True if a ".." takes away the last segment that is held back. Only a leading ".." of a relative path stays:
     /// no other segment reads so.
     bool canStepUp() const
@@ -199,10 +205,31 @@ private:
     const BaseState* state;
 };
 
+// Ahead of `run`, whose inner loop it becomes.
+[[gnu::always_inline]] inline void ContinueSegment::readAndHandleNext(StatechartImpl& machine) const
+{
+    if (machine.eof()) {
+        machine.holdBack();
+        machine.jEnd(false);
+        return;
+    }
+    const char c = machine.read();
+    if (c == '/') {
+        machine.holdBack();
+        machine.state = &machine.beginSegment;
+        return;
+    }
+    machine.segment += c;
+}
+
 bool StatechartImpl::run()
 {
-    while (!state->isEnd())
+    while (!state->isEnd()) {
         state->readAndHandleNext(*this);
+        // Most bytes are those of names: here the compiler knows the state and makes one loop of it.
+        while (state == &continueSegment)
+            continueSegment.readAndHandleNext(*this);
+    }
     const bool result = state->successful();
     if (result)
         s.resize(static_cast<std::size_t>(writePos - s.begin()));
@@ -302,22 +329,6 @@ void Dot2::readAndHandleNext(StatechartImpl& machine) const
         machine.state = &machine.beginSegment;
 }
 
-void ContinueSegment::readAndHandleNext(StatechartImpl& machine) const
-{
-    if (machine.eof()) {
-        machine.segments.push_back(machine.segment);
-        machine.jEnd(false);
-        return;
-    }
-    const char c = machine.read();
-    if (c != '/') {
-        machine.segment += c;
-        return;
-    }
-    machine.segments.push_back(machine.segment);
-    machine.state = &machine.beginSegment;
-}
-
 void End::readAndHandleNext(StatechartImpl&) const
 {
     quorvil::intern::require(
@@ -337,15 +348,19 @@ namespace {
 /// True if the machine would leave the path as it is: no separator has an empty segment, "." or ".." behind it.
 bool isClean(const std::string& s)
 {
-    for (std::size_t slash = s.find('/'); slash != std::string::npos; slash = s.find('/', slash + 1)) {
-        const std::size_t behindDots = s.find_first_not_of('.', slash + 1);
-        const std::size_t dots = (behindDots == std::string::npos ? s.size() : behindDots) - (slash + 1);
-        const bool ends = behindDots == std::string::npos || s[behindDots] == '/';
-        const bool last = slash + 1 == s.size();
-        if (ends && dots <= 2 && !last)
+    // Dots since the last separator, -1 once another byte has come; the first segment of a relative path may be
+    // anything.
+    std::ptrdiff_t dots = -1;
+    for (const char c : s) {
+        if (c != '/') {
+            dots = c == '.' && dots >= 0 ? dots + 1 : -1;
+            continue;
+        }
+        if (dots >= 0 && dots <= 2)
             return false;
+        dots = 0;
     }
-    return true;
+    return dots != 1 && dots != 2;
 }
 
 } // namespace
