@@ -2,6 +2,7 @@
 
 #include "Quorvil/GeneralException.h"
 #include "Quorvil/QuorvilDataIO.h"
+#include "Quorvil/QuorvilSyncLockGroup.h"
 #include "tests/support/interpose.h"
 
 #include <algorithm>
@@ -353,6 +354,24 @@ TEST(TextFileOnAFullDisk, TellsInCloseWhatTheDestructorKeepsToItself)
                                       badWrite + "\n";
         EXPECT_EQ(testing::internal::GetCapturedStdout(), closing ? announced : "");
     }
+}
+
+TEST(BufferToFileThread, DoesNothing)
+{
+    const auto threads = [] { return std::distance(fs::directory_iterator("/proc/self/task"), {}); };
+    const auto before = threads();
+    quorvil::sync::LockGroup lock;
+    unsigned char buffer[4] = {1, 2, 3, 4};
+    unsigned char* read = buffer + 1;
+    unsigned char* write = buffer + 2;
+    quorvil::BufferToFileThread thread;
+    thread.start(-1, lock, buffer, sizeof buffer, read, write);
+    thread.start(STDOUT_FILENO, lock, nullptr, 0, read, write);
+    EXPECT_EQ(threads(), before);
+    thread.run();
+    thread.join();
+    EXPECT_TRUE(read == buffer + 1 && write == buffer + 2);
+    EXPECT_TRUE(std::equal(std::begin(buffer), std::end(buffer), "\1\2\3\4"));
 }
 
 } // namespace
