@@ -1,6 +1,7 @@
 // Data: path normalisation.
 
 #include "Quorvil/QuorvilRemovePathDots.h"
+#include "tests/support/environment.h"
 #include "tests/support/pathModel.h"
 
 #include <gtest/gtest.h>
@@ -68,11 +69,7 @@ TEST(RemovePathDots, GivesTheTextsThatCallersRelyOn)
 TEST(RemovePathDots, EqualsTheModelOnAllShortPaths)
 {
     constexpr char alphabet[] = {'/', '.', 'a', 'b'};
-#ifdef __arm__
-    constexpr size_t longest = 8;
-#else
-    constexpr size_t longest = 9;
-#endif
+    constexpr size_t longest = support::emulated ? 8 : 9;
     for (size_t length = 0; length <= longest; ++length) {
         std::string path(length, '?');
         for (size_t number = 0; number < size_t{1} << (2 * length); ++number) {
