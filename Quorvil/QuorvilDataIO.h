@@ -97,7 +97,7 @@ public:
     /// Closes the file. Bytes that cannot be written any more are lost without a report.
     ///
     /// @threads owner   @realtime I/O
-    virtual ~TextFileDataIO();
+    ~TextFileDataIO() override;
 
     TextFileDataIO(const TextFileDataIO&) = delete;
     TextFileDataIO& operator=(const TextFileDataIO&) = delete;

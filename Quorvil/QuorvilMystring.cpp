@@ -325,17 +325,17 @@ mystring::mystring(const mystring& other)
     count(countCopyConstr);
 }
 
-mystring::mystring(std::string&& other)
-    : std::string(std::move(other))
+mystring::mystring(std::string&& other) noexcept
+    : std::string()
 {
-    other.clear();
+    swap(other);
     count(countMoveCast);
 }
 
-mystring::mystring(mystring&& other)
-    : std::string(std::move(other))
+mystring::mystring(mystring&& other) noexcept
+    : std::string()
 {
-    other.clear();
+    swap(other);
     count(countMoveConstr);
 }
 
@@ -354,7 +354,7 @@ mystring& mystring::operator=(const mystring& other)
     return *this;
 }
 
-mystring& mystring::operator=(mystring&& other)
+mystring& mystring::operator=(mystring&& other) noexcept
 {
     std::string::operator=(std::move(other));
     count(countMoveAssign);
@@ -454,16 +454,16 @@ mywstring::mywstring(const mywstring& other)
 {
 }
 
-mywstring::mywstring(mywstring&& other)
-    : std::wstring(std::move(other))
+mywstring::mywstring(mywstring&& other) noexcept
+    : std::wstring()
 {
-    other.clear();
+    swap(other);
 }
 
-mywstring::mywstring(std::wstring&& other)
-    : std::wstring(std::move(other))
+mywstring::mywstring(std::wstring&& other) noexcept
+    : std::wstring()
 {
-    other.clear();
+    swap(other);
 }
 
 mywstring::mywstring(const mystring& bytes)
@@ -476,7 +476,7 @@ mywstring::~mywstring() = default;
 
 mywstring& mywstring::operator=(const mywstring& other) = default;
 
-mywstring& mywstring::operator=(mywstring&& other) = default;
+mywstring& mywstring::operator=(mywstring&& other) noexcept = default;
 
 mywstring& mywstring::operator=(const mystring& bytes)
 {

@@ -61,12 +61,12 @@ public:
     /// Takes over the contents of `other`, which is empty then. Counted in `countMoveCast`.
     ///
     /// @threads any   @realtime bounded
-    mystring(std::string&& other);
+    mystring(std::string&& other) noexcept;
 
     /// Takes over the contents of `other`, which is empty then. Counted in `countMoveConstr`.
     ///
     /// @threads any   @realtime bounded
-    mystring(mystring&& other);
+    mystring(mystring&& other) noexcept;
 
     /// The conversion of `wide`, as by the assignment. Not counted.
     ///
@@ -83,7 +83,7 @@ public:
     /// Moves. Counted in `countMoveAssign`.
     ///
     /// @threads owner   @realtime bounded
-    mystring& operator=(mystring&& other);
+    mystring& operator=(mystring&& other) noexcept;
 
     /// Converts each character of `wide` to the bytes that the locale's `LC_CTYPE` gives it (`wcrtomb`). A character
     /// that the locale cannot express is left out, and nothing is reported. Not counted.
@@ -161,12 +161,12 @@ public:
     /// Takes over the contents of `other`, which is empty then.
     ///
     /// @threads any   @realtime bounded
-    mywstring(mywstring&& other);
+    mywstring(mywstring&& other) noexcept;
 
     /// Takes over the contents of `other`, which is empty then.
     ///
     /// @threads any   @realtime bounded
-    mywstring(std::wstring&& other);
+    mywstring(std::wstring&& other) noexcept;
 
     /// The conversion of `bytes`, as by the assignment.
     ///
@@ -184,7 +184,7 @@ public:
     /// Moves.
     ///
     /// @threads owner   @realtime bounded
-    mywstring& operator=(mywstring&& other);
+    mywstring& operator=(mywstring&& other) noexcept;
 
     /// Converts `bytes` to the characters that they are under the locale's `LC_CTYPE` (`mbrtowc`). A NUL byte becomes
     /// a NUL character, and the conversion goes on behind it.
