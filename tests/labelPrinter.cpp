@@ -308,10 +308,10 @@ TEST_F(LabelPrinter, ComposesRandomJobsAsTheModelDoes)
         return smallest + static_cast<int>(random() % static_cast<unsigned>(largest - smallest + 1));
     };
     for (int round = 0; round < 6; ++round) {
-        const int width = between(1, 70);
+        const int width = between(1, 90);
         const int height = between(1, 150);
         std::ostringstream text;
-        text << "page " << width << ' ' << height << " # the size\n\npages " << between(1, 3) << "\n";
+        text << "page " << width << ' ' << height << " # the size\n\npages " << between(2, 3) << "\n";
         for (int file = 0; file < 4; ++file) {
             const int unit = file == 2 ? 10 : file == 3 ? 100 : 1;
             Rows rows(static_cast<size_t>(between(1, 20)), std::string(static_cast<size_t>(unit * between(1, 9)), '0'));
@@ -321,7 +321,9 @@ TEST_F(LabelPrinter, ComposesRandomJobsAsTheModelDoes)
             put(folder / "in" / ("picture" + std::to_string(file)), packed(rows, round % 2 == 0));
         }
         for (int statement = 0; statement < 40; ++statement) {
-            auto at = [&] { return " " + std::to_string(between(-20, 80)) + " " + std::to_string(between(-20, 160)); };
+            auto at = [&] {
+                return " " + std::to_string(between(-20, width)) + " " + std::to_string(between(-20, height));
+            };
             auto size = [&] { return " " + std::to_string(between(1, 80)) + " " + std::to_string(between(1, 100)); };
             const std::string spot = at();
             const std::string extent = size();
