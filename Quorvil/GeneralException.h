@@ -65,7 +65,7 @@ private:
 /// Turns an error number into the text of a `GeneralException`, or into a line where throwing is not allowed.
 ///
 /// Each place of use names the errors that it expects, by `handle`, and ends with `throwNow` or `writeNow`:
-/// "EINVAL in pthread_cond_wait" comes of `handle(EINVAL, "EINVAL")` and `throwNow("in pthread_cond_wait")`. An error
+/// "EINVAL in pthread_cond_wait" comes from `handle(EINVAL, "EINVAL")` and `throwNow("in pthread_cond_wait")`. An error
 /// that nobody named reads "Unexpected errno (22) in pthread_cond_wait". A null text fails the text's stream, and what
 /// would have followed it is lost.
 class QUORVIL_API GeneralExceptionThrower

@@ -17,7 +17,7 @@ namespace ovx {
 class QUORVIL_API ImplementedFunc
 {
 public:
-    virtual ~ImplementedFunc() = default;
+    virtual ~ImplementedFunc();
 
     /// The names; empty at load. Take `mu` before every use.
     ///

@@ -31,7 +31,7 @@ namespace {
 
 // Valid before any constructor has run.
 constinit std::recursive_mutex console;
-constinit pthread_key_t key{};
+constinit pthread_key_t threadKey{};
 constinit bool keyCreated = false;
 
 // The first initialiser of this source, and the library's only ones stand here: what is below may rely on the stamp.
@@ -56,7 +56,7 @@ public:
         // Without a key of our own the number may be somebody else's.
         if (!keyCreated)
             return;
-        const int result = pthread_key_delete(key);
+        const int result = pthread_key_delete(threadKey);
         if (result == 0)
             return;
         std::cerr << "Could not delete threadKey! (error: ";
@@ -71,10 +71,10 @@ private:
     static int create()
     {
         constexpr int repetitions = 1000;
-        int result = pthread_key_create(&key, quorvil::intern::threadKeyDestructor);
+        int result = pthread_key_create(&threadKey, quorvil::intern::threadKeyDestructor);
         for (int i = 0; result == EAGAIN && i < repetitions; ++i) {
             std::cout << "repeat pthread_key_create" << std::endl;
-            result = pthread_key_create(&key, quorvil::intern::threadKeyDestructor);
+            result = pthread_key_create(&threadKey, quorvil::intern::threadKeyDestructor);
         }
         return result;
     }
@@ -107,6 +107,8 @@ const ThreadKey keyHolder;
 tss::ThreadSafeStream safeCout(std::cout);
 tss::ThreadSafeStream safeCerr(std::cerr);
 
+ovx::ImplementedFunc::~ImplementedFunc() = default;
+
 std::recursive_mutex& quorvil::intern::consoleLock()
 {
     return console;
@@ -119,7 +121,7 @@ bool quorvil::intern::threadKeyCreated()
 
 pthread_key_t quorvil::intern::threadKey()
 {
-    return key;
+    return ::threadKey;
 }
 
 void quorvil::intern::threadKeyDestructor(void*)

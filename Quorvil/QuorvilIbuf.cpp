@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstring>
 #include <pthread.h>
+#include <sched.h>
 #include <sstream>
+#include <string>
 
 void quorvil::ibuf::perror_errno(const char* what, int err)
 {

@@ -22,7 +22,7 @@ QUORVIL_API int my_printf(const char* format, ...) __attribute__((format(printf,
 
 namespace quorvil::intern {
 
-/// A group index before the first logging call, and the largest number that is no index: never silenced.
+/// What a source's group index is before its first logging call; it is never silenced.
 inline constexpr uint32_t noLogGroup = 0xFFFFFFFF;
 
 /// Whether a logging call of the group with this index is dropped at its place: the configuration is loaded, the
@@ -56,11 +56,11 @@ inline bool logSilenced(uint32_t groupIndex)
 /// format are evaluated only if the call is made.
 #define QUORVIL_LOG(file, line, format, ...)                                                                           \
     do {                                                                                                               \
-        const uint32_t index = logGroupIndex.load(std::memory_order_relaxed);                                          \
-        if (!quorvil::intern::logSilenced(index))                                                                      \
-            logGroupIndex.store(                                                                                       \
-                OVX_Log_Printf(index, logGroupName, 1, 1, 1, 0, file, line, format __VA_OPT__(, ) __VA_ARGS__),        \
-                std::memory_order_relaxed);                                                                            \
+        const uint32_t quorvilLogIndex = logGroupIndex.load(std::memory_order_relaxed);                                \
+        if (!quorvil::intern::logSilenced(quorvilLogIndex))                                                            \
+            logGroupIndex.store(OVX_Log_Printf(quorvilLogIndex, logGroupName, 1, 1, 1, 0, file, line,                  \
+                                               format __VA_OPT__(, ) __VA_ARGS__),                                     \
+                                std::memory_order_relaxed);                                                            \
     } while (false)
 
 #endif

@@ -11,7 +11,8 @@ namespace util {
 /// Passes on the result of a system call that is expected to succeed, by the convention of -1 and `errno`.
 ///
 /// On -1 one line goes to `safeCerr`, such as "void f() failed in Quorvil/F:12 - (9) Bad file descriptor", with the
-/// text of `strerror_r`; then, if `fatal`, the process ends. A null text cuts the line short and nothing else.
+/// text of `strerror_r`; then, if `fatal`, the process ends. A null text fails `std::cerr`: the rest of the line, and
+/// all later output there, is lost until somebody clears it.
 ///
 /// @param function          full signature of the caller
 /// @param file, line        its place

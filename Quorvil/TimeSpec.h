@@ -34,6 +34,9 @@ public:
     /// @threads any   @realtime bounded
     TimeSpec(timespec value);
 
+    /// Copies the value.
+    ///
+    /// @threads one at a time   @realtime bounded
     TimeSpec(const TimeSpec&) = default;
     TimeSpec& operator=(const TimeSpec&) = default;
     virtual ~TimeSpec();
@@ -61,7 +64,7 @@ public:
 
     /// Whether this value comes before `other`; both have to be normal. The difference of the seconds may wrap around.
     ///
-    /// @threads any   @realtime bounded
+    /// @threads one at a time   @realtime bounded
     bool operator<(const TimeSpec& other) const;
 
     /// Adds, field by field, and normalises.
@@ -76,12 +79,12 @@ public:
 
     /// The value for system calls, as long as the object lives.
     ///
-    /// @threads any   @realtime bounded
+    /// @threads one at a time   @realtime bounded
     const timespec* to_c() const;
 
     /// The seconds with three decimals, such as 12.345, with a point in every locale.
     ///
-    /// @threads any   @realtime allocates
+    /// @threads one at a time   @realtime allocates
     std::string toShortString() const;
 
     /// Brings any pair of values into the normal form.

@@ -10,7 +10,9 @@
 #include "Quorvil/ThreadSafeStream.h"
 #include "Quorvil/TimeSpec.h"
 #include "siblings/StampGate/StampGate.h"
+#include "tests/support/allocationCount.h"
 #include "tests/support/child.h"
+#include "tests/support/groupingLocale.h"
 #include "tests/support/interpose.h"
 
 #include <cerrno>
@@ -29,55 +31,17 @@
 #include <thread>
 #include <vector>
 
-SUPPORT_INTERPOSE(int, pthread_setschedparam, (pthread_t thread, int policy, const sched_param* parameters),
-                  (thread, policy, parameters), noexcept)
 SUPPORT_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), noexcept)
 
 namespace {
 
 std::vector<std::string> localeCalls;
 bool noteLocaleCalls = false;
+bool spoilErrno = false; ///< `strerror` changes it
+int scheduledPolicy = 0; ///< of the last `pthread_setschedparam`
+int scheduledPriority = 0;
+support::Fault schedulingFault("pthread_setschedparam");
 const timespec* fakeNow = nullptr; ///< what the monotonic clock shows, if set
-
-/// Groups digits by blanks, which no text of the library's own may follow.
-struct Grouped : std::numpunct<char>
-{
-    char do_thousands_sep() const override
-    {
-        return ' ';
-    }
-    std::string do_grouping() const override
-    {
-        return "\1";
-    }
-    char do_decimal_point() const override
-    {
-        return ',';
-    }
-};
-
-/// Sets the global locale, and that of the console, to one that groups digits, for as long as it lives.
-class GroupingEverywhere
-{
-public:
-    GroupingEverywhere()
-        : before(std::locale::global(std::locale(std::locale::classic(), new Grouped)))
-    {
-        std::cout.imbue(std::locale());
-        std::cerr.imbue(std::locale());
-    }
-    ~GroupingEverywhere()
-    {
-        std::locale::global(before);
-        std::cout.imbue(before);
-        std::cerr.imbue(before);
-    }
-    GroupingEverywhere(const GroupingEverywhere&) = delete;
-    GroupingEverywhere& operator=(const GroupingEverywhere&) = delete;
-
-private:
-    std::locale before;
-};
 
 } // namespace
 
@@ -88,6 +52,24 @@ __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED char* setlocale(in
     if (noteLocaleCalls)
         localeCalls.push_back(std::to_string(category) + " " + (name ? name : "?"));
     return support::real<char* (*)(int, const char*)>("setlocale")(category, name);
+}
+
+__attribute__((visibility("default"))) char* strerror(int error) noexcept
+{
+    if (spoilErrno)
+        errno = EIO;
+    return support::real<char* (*)(int)>("strerror")(error);
+}
+
+__attribute__((visibility("default"))) int pthread_setschedparam(pthread_t thread, int policy,
+                                                                 const sched_param* parameters) noexcept
+{
+    scheduledPolicy = policy;
+    scheduledPriority = parameters->sched_priority;
+    if (schedulingFault.strikes())
+        return static_cast<int>(schedulingFault.result);
+    return support::real<int (*)(pthread_t, int, const sched_param*)>("pthread_setschedparam")(thread, policy,
+                                                                                               parameters);
 }
 
 __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int clock_gettime(clockid_t clock, timespec* now) noexcept
@@ -210,11 +192,16 @@ TEST(LoggingCall, ReachesTheLogUntilTheConfigurationSilencesAValidIndex)
         const ovxlog::LastCall last = ovxlog::lastCall();
         EXPECT_EQ(last.groupIndex, row.index) << row.name;
         EXPECT_STREQ(last.group, "Noname");
+        EXPECT_EQ(last.constants, (std::array<int, 4>{1, 1, 1, 0}));
         EXPECT_STREQ(last.file, "Quorvil/First");
         EXPECT_EQ(last.line, 12);
         EXPECT_STREQ(last.text, "number 12 failed: Bad file descriptor\n");
     }
     gl_bOVXLConfigLoaded = 0;
+    firstSource::logGroupName = "Renamed"; // its slot in LogGroups is read at every call
+    firstSource::log(12);
+    EXPECT_STREQ(ovxlog::lastCall().group, "Renamed");
+    firstSource::logGroupName = "Noname";
     secondSource::log();
     EXPECT_EQ(ovxlog::lastCall().groupIndex, noLogGroup) << "sources share a group but no index";
     testing::internal::GetCapturedStderr();
@@ -266,7 +253,7 @@ TEST(IllegalStateException, NamesOperationAndState)
 
 TEST(GeneralExceptionThrower, TakesTheFirstNameOfItsErrorOrTheNumber)
 {
-    const GroupingEverywhere grouping;
+    const support::GroupingEverywhere grouping;
     struct
     {
         int err;
@@ -318,7 +305,7 @@ TEST(Safe, PassesOnEverythingButAFailure)
 
 TEST(Safe, ReportsAFailureInOneLineAndKeepsErrno)
 {
-    const GroupingEverywhere grouping;
+    const support::GroupingEverywhere grouping;
     testing::internal::CaptureStderr();
     errno = EBADF;
     EXPECT_EQ(util::safe("void f(int)", "Quorvil/F", 1234, -1, false), -1);
@@ -327,7 +314,34 @@ TEST(Safe, ReportsAFailureInOneLineAndKeepsErrno)
               "void f(int) failed in Quorvil/F:1234 - (9) Bad file descriptor\n");
 }
 
-TEST(Safe, ANullTextCutsTheReportShortAndNothingElse)
+/// Spoils `errno` as a failing write would, and lets the text through.
+struct Spoiler : std::streambuf
+{
+    explicit Spoiler(std::streambuf* buffer)
+        : console(buffer)
+    {
+    }
+    int overflow(int c) override
+    {
+        errno = EIO;
+        return console->sputc(static_cast<char>(c));
+    }
+    std::streambuf* console;
+};
+
+TEST(Safe, KeepsErrnoWhateverTheConsoleDoesToIt)
+{
+    testing::internal::CaptureStderr();
+    Spoiler spoiler(std::cerr.rdbuf());
+    std::cerr.rdbuf(&spoiler);
+    errno = EBADF;
+    util::safe("f", "F", 1, -1, false);
+    EXPECT_EQ(errno, EBADF);
+    std::cerr.rdbuf(spoiler.console);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "f failed in F:1 - (9) Bad file descriptor\n");
+}
+
+TEST(Safe, ANullTextFailsTheErrorStream)
 {
     testing::internal::CaptureStderr();
     errno = EBADF;
@@ -367,7 +381,9 @@ TEST(Ibuf, PerrorErrnoGivesTheErrorAndThenTheCurrentOne)
     for (const auto& row : rows) {
         testing::internal::CaptureStderr();
         errno = EBADF;
+        spoilErrno = true;
         quorvil::ibuf::perror_errno(row.what, EINVAL);
+        spoilErrno = false;
         EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
     }
 }
@@ -376,10 +392,12 @@ TEST(Ibuf, SetSchedHighestReportsAFailureAndGoesOn)
 {
     testing::internal::CaptureStderr();
     {
-        const support::FaultScope fault(pthread_setschedparamFault, EPERM);
+        const support::FaultScope fault(schedulingFault, EPERM);
         errno = 0;
         quorvil::ibuf::setSchedHighest(pthread_self());
     }
+    EXPECT_EQ(scheduledPolicy, SCHED_FIFO);
+    EXPECT_EQ(scheduledPriority, 98);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "\n**** ERROR - pthread_setschedparam: Operation not permitted\n\n: Success\n");
 }
@@ -546,7 +564,7 @@ TEST(TimeSpec, ReadsTheClockThatItIsGivenAndKeepsItsValueWhereThereIsNone)
 
 TEST(TimeSpec, HasTextFormsThatFollowTheStreamOrNone)
 {
-    const GroupingEverywhere grouping;
+    const support::GroupingEverywhere grouping;
     struct
     {
         Pair value;
@@ -573,7 +591,7 @@ TEST(TimedOutException, IsAnExceptionWithTheInheritedText)
 
 TEST(TimeLimit, PassesBetweenItsBoundsAndShowsThemWhenItFails)
 {
-    const GroupingEverywhere grouping;
+    const support::GroupingEverywhere grouping;
     constexpr int intMax = std::numeric_limits<int>::max();
     const double nan = std::numeric_limits<double>::quiet_NaN();
     struct
@@ -741,11 +759,61 @@ TEST(ThreadSafeStream, ThrowsWhenTheLockCannotBeTakenAndWritesNothing)
         const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
         EXPECT_THROW(safeCout << "x", std::system_error);
         EXPECT_THROW(safeCout << std::endl, std::system_error);
-        EXPECT_THROW(safePrintf("x"), std::system_error);
+        EXPECT_THROW(util::safe("f", "F", 1, -1, true), std::system_error);
+        EXPECT_THROW(util::safePosix("f", "F", 1, EINVAL), std::system_error);
+        EXPECT_THROW(nyi::nyi("colour"), std::system_error);
+        try {
+            safePrintf("x");
+            ADD_FAILURE();
+        } catch (const std::system_error& error) {
+            EXPECT_EQ(error.code().value(), EAGAIN);
+        }
+    }
+    {
+        const tss::Internal chain = safeCout << "";
+        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
+        EXPECT_THROW(tss::Internal copy(chain), std::system_error);
     }
     std::fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_TRUE(anotherThreadCanWrite());
+}
+
+TEST(ThreadSafeStream, AndThePlainLineFlushNothing)
+{
+    const support::ChildResult child = support::runInChild([] {
+        std::ios::sync_with_stdio(true);
+        safeCout << "a" << 1;
+        safePrintf("b");
+        my_printf("c");
+        _exit(0);
+    });
+    EXPECT_EQ(child.out, "");
+}
+
+TEST(Foundation, TakesNoMemoryWhereARealTimeThreadMayCallIt)
+{
+    util::TimeSpec sum;
+    util::TimeLimit limit;
+    const util::GeneralException exception("text", true);
+    gl_bOVXLConfigLoaded = 1;
+    const support::AllocationCount count;
+    util::TimeSpec now;
+    now.initNow(CLOCK_MONOTONIC);
+    now.init(1, -1);
+    now.initFromMs(5);
+    now.initFromThreadXTicks(5);
+    sum += now;
+    sum -= now;
+    const bool less = sum < now;
+    const timespec difference = subtract(*sum.to_c(), *now.to_c());
+    const bool passed = limit.checkAround(1, 1'000'000, 1e9);
+    const int results = util::safe("f", "F", 1, 0, true) + util::safePosix("f", "F", 1, 0);
+    const bool silenced = quorvil::intern::logSilenced(0);
+    const char* text = exception.what();
+    EXPECT_EQ(count.allocations() + count.releases(), 0U);
+    EXPECT_TRUE(less && passed && silenced && difference.tv_nsec < 0 && results == 0 && *text == 't');
+    gl_bOVXLConfigLoaded = 0;
 }
 
 TEST(SafePrintf, ReturnsWhatThePrintfReturns)

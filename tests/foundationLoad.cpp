@@ -63,6 +63,12 @@ __attribute__((visibility("default"))) int stampGate(int stamp)
     return -1;
 }
 
+__attribute__((visibility("default"))) int mlockall(int flags) noexcept
+{
+    tell("mlockall");
+    return support::real<int (*)(int)>("mlockall")(flags);
+}
+
 __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int pthread_key_create(pthread_key_t* key,
                                                                                      void (*destructor)(void*)) noexcept
 {
@@ -105,6 +111,7 @@ TEST(Load, StampsBeforeAnythingElseAndDeletesTheKeyAtTheEnd)
 {
     const support::ChildResult child = support::runInChild([] { openLibrary(); });
     EXPECT_EQ(child.out, "stampGate(52), no console\n"
+                         "mlockall, no console\n"
                          "pthread_key_create, no console\n"
                          "loaded, console up\n"
                          "pthread_key_delete\n");
@@ -114,7 +121,7 @@ TEST(Load, StampsBeforeAnythingElseAndDeletesTheKeyAtTheEnd)
 
 TEST(Load, ReportsAKeyThatCannotBeCreatedAndGoesOn)
 {
-    const std::string stamped = "stampGate(52), no console\n";
+    const std::string stamped = "stampGate(52), no console\nmlockall, no console\n";
     const std::string created = "pthread_key_create, no console\nloaded, console up\npthread_key_delete\n";
     const std::string none = "loaded, console up\n";
     struct

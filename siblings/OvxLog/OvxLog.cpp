@@ -38,13 +38,14 @@ void copyText(char* to, size_t size, const char* from)
 
 } // namespace
 
-uint32_t OVX_Log_Printf(uint32_t groupIndex, const char* group, int, int, int, int, const char* file, int line,
-                        const char* format, ...)
+uint32_t OVX_Log_Printf(uint32_t groupIndex, const char* group, int one, int two, int three, int four, const char* file,
+                        int line, const char* format, ...)
 {
     char text[sizeof(ovxlog::LastCall::text)];
     std::va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
+    if (std::vsnprintf(text, sizeof text, format, arguments) < 0)
+        text[0] = '\0';
     va_end(arguments);
 
     char whole[sizeof text + sizeof(ovxlog::LastCall::file) + sizeof(ovxlog::LastCall::group) + 32];
@@ -60,6 +61,7 @@ uint32_t OVX_Log_Printf(uint32_t groupIndex, const char* group, int, int, int, i
         copyText(last.group, sizeof last.group, group);
         copyText(last.file, sizeof last.file, file);
         last.line = line;
+        last.constants = {one, two, three, four};
         copyText(last.text, sizeof last.text, text);
         lastBusy.clear();
     }

@@ -4,6 +4,7 @@
 #ifndef QUORVIL_SIBLINGS_OVXLOG_H
 #define QUORVIL_SIBLINGS_OVXLOG_H
 
+#include <array>
 #include <cstdint>
 
 /// One record of the group table. The real one is larger; `logEnabled` is what the callers' gates read.
@@ -46,6 +47,7 @@ struct LastCall
 {
     uint32_t groupIndex; ///< as passed in
     char group[64];
+    std::array<int, 4> constants; ///< the four that have a meaning in the real library only
     char file[128];
     int line;
     char text[1024]; ///< as formatted

@@ -9,8 +9,8 @@
 
 namespace support {
 
-/// Sets the global locale, and that of the console, to one that puts a blank between any two digits, for as long as it
-/// lives.
+/// Sets the global locale, and that of the console, to one that puts a blank between any two digits and a comma
+/// before decimals, for as long as it lives.
 class GroupingEverywhere
 {
 public:
@@ -35,6 +35,10 @@ private:
         char do_thousands_sep() const override
         {
             return ' ';
+        }
+        char do_decimal_point() const override
+        {
+            return ',';
         }
         std::string do_grouping() const override
         {

@@ -106,6 +106,10 @@ def main():
     problems += found
     drawn = draw(files, levels)
     chart = folder / "README.md"
+    told = (folder.parent / "README.md").read_text()
+    problems += [f"README.md does not name {name} in its table" for name, (_, purpose, _) in sorted(files.items())
+                 if purpose and (not name.endswith("Intern.h") or name == "QuorvilSync2Intern.h")
+                 and f"`{name}`" not in told]
     if "--write" in sys.argv:
         chart.write_text(drawn)
     elif not chart.exists() or chart.read_text() != drawn:
