@@ -146,7 +146,8 @@ uint32_t BitInputStreamImpl::read(int numBits)
 #pragma GCC unroll 4
     for (int held = 8; held < end; held += 8) {
         curByte = source.readUint8();
-        doneBits = 0;
+        if (held == 8)
+            doneBits = 0;
         word |= uint64_t{curByte} << held;
     }
     doneBits = (end - 1) % 8 + 1;

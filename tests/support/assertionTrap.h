@@ -16,6 +16,13 @@ inline std::jmp_buf place;
 inline std::string failure;
 inline bool armed = false;
 
+/// A frame of its own between the jump's place and the action, whose variables would be lost to the jump.
+template <typename Action>
+__attribute__((noinline)) void run(const Action& action)
+{
+    action();
+}
+
 /// Runs `action`, whose frames may hold nothing that needs a destructor where it fails, and gives "file: function:
 /// expression" of the assertion that it failed, or an empty text.
 template <typename Action>
@@ -25,7 +32,7 @@ const std::string& failureOf(const Action& action)
     armed = true;
     try {
         if (setjmp(place) == 0)
-            action();
+            run(action);
     } catch (...) {
         armed = false;
         throw;
