@@ -50,8 +50,9 @@ class Unguard;
 /// | interrupted | sleeps until a notification, throws | wakes every waiter       | work                 |
 ///
 /// It is taken through a scoped `Guard`, which measures and warns, or by `lock` and `unlock`, which leave a trace in
-/// `util::gl_pTrenvikLimitedBuffer` if that is installed. Each takes one level, and each level is released by its own
-/// counterpart, on the thread that took it. What was written under the lock is seen by the next thread that takes it.
+/// `util::gl_pTrenvikLimitedBuffer` if a client has installed one, before other threads locked. Each takes one level,
+/// and each level is released by its own counterpart, on the thread that took it. What was written under the lock is
+/// seen by the next thread that takes it.
 ///
 /// When a group is destroyed, no guard may be alive and no thread may wait; nothing checks it.
 class QUORVIL_API LockGroup

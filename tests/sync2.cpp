@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <gtest/gtest.h>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>

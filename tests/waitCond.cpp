@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <gtest/gtest.h>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
