@@ -5,6 +5,7 @@
 #include "Quorvil/QuorvilInit.h"
 #include "Quorvil/QuorvilLimitedBuffer.h"
 #include "Quorvil/QuorvilLog.h"
+#include "Quorvil/QuorvilSyncLockGroup.h"
 #include "Quorvil/ThreadSafeStream.h"
 #include "siblings/StampGate/StampGate.h"
 
@@ -92,6 +93,7 @@ private:
 
 quorvil::SimpleHeap quorvil::SimpleHeap::singleton(0x100000);
 std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
+quorvil::sync::LockGroup quorvil::sync::gl_trenvikLockGroup;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
 constinit std::mutex ovx::ImplementedFunc::mu;
 std::set<std::string> ovx::ImplementedFunc::allImplemented;

@@ -14,10 +14,32 @@
 #define QUORVIL_TEST_SANITIZED 0
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+#define QUORVIL_TEST_THREAD_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QUORVIL_TEST_THREAD_SANITIZED 1
+#endif
+#endif
+#ifndef QUORVIL_TEST_THREAD_SANITIZED
+#define QUORVIL_TEST_THREAD_SANITIZED 0
+#endif
+
+#include <cstdlib>
+
 namespace support {
+
+/// How many times its usual rounds a stress test makes: the environment's QUORVIL_STRESS, or 1.
+inline int stressFactor()
+{
+    const char* const factor = std::getenv("QUORVIL_STRESS");
+    return factor && std::atoi(factor) > 0 ? std::atoi(factor) : 1;
+}
 
 /// The build carries a sanitizer, whose runtime allocates, faults pages in and makes system calls of its own.
 inline constexpr bool sanitized = QUORVIL_TEST_SANITIZED;
+/// It is the thread sanitizer, which reports misuse that the system's calls refuse by an error.
+inline constexpr bool threadSanitized = QUORVIL_TEST_THREAD_SANITIZED;
 
 /// The tests run for ARM, which here means: in an emulator, whose faults and system calls hide the program's.
 #ifdef __arm__

@@ -8,7 +8,9 @@
 
 #include <cerrno>
 #include <dlfcn.h>
+#include <functional>
 #include <limits>
+#include <utility>
 
 // A sanitizer's runtime calls interposed functions before it can serve instrumented code.
 #ifdef __clang__
@@ -91,6 +93,66 @@ public:
     int error = 0;    ///< what it leaves in `errno`, if not 0
     Count first{0};   ///< number of the first call that fails, from 1
     Count times{0};   ///< number of calls that fail; 0: none
+
+    const std::function<void()>* before = nullptr; ///< what each call does first; set by `HookScope`
+    const std::function<void()>* after = nullptr;  ///< what each call does last
+};
+
+/// Lets a test stop every call of an interposed function on its way in and on its way out, as long as it lives. Make it
+/// before the threads that call, and end it behind them.
+class HookScope
+{
+public:
+    HookScope(Fault& fault_, std::function<void()> before_, std::function<void()> after_ = {})
+        : fault(fault_)
+        , before(std::move(before_))
+        , after(std::move(after_))
+    {
+        __atomic_store_n(&fault.before, before ? &before : nullptr, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&fault.after, after ? &after : nullptr, __ATOMIC_SEQ_CST);
+    }
+
+    ~HookScope()
+    {
+        __atomic_store_n(&fault.before, nullptr, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&fault.after, nullptr, __ATOMIC_SEQ_CST);
+    }
+
+    HookScope(const HookScope&) = delete;
+    HookScope& operator=(const HookScope&) = delete;
+
+private:
+    Fault& fault;
+    const std::function<void()> before;
+    const std::function<void()> after;
+};
+
+/// One call of an interposed function, with its hooks.
+class Call
+{
+public:
+    SUPPORT_UNINSTRUMENTED explicit Call(const Fault& fault_)
+        : fault(fault_)
+    {
+        if (const auto* hook = __atomic_load_n(&fault.before, __ATOMIC_SEQ_CST))
+            (*hook)();
+    }
+
+    SUPPORT_UNINSTRUMENTED ~Call()
+    {
+        const auto* hook = __atomic_load_n(&fault.after, __ATOMIC_SEQ_CST);
+        if (!hook)
+            return;
+        const int error = errno;
+        (*hook)();
+        errno = error;
+    }
+
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+private:
+    const Fault& fault;
 };
 
 /// For ever, as a number of failing calls.
@@ -131,12 +193,19 @@ private:
 #define SUPPORT_INTERPOSE(Result, function, parameters, arguments, qualifier)                                          \
     namespace {                                                                                                        \
     constinit support::Fault function##Fault(#function);                                                               \
+    }                                                                                                                  \
+    SUPPORT_INTERPOSE_WITH(function##Fault, Result, function, parameters, arguments, qualifier)
+
+/// The same with a `support::Fault` that is defined elsewhere, for instance for several sources of one program.
+#define SUPPORT_INTERPOSE_WITH(fault, Result, function, parameters, arguments, qualifier)                              \
+    namespace {                                                                                                        \
     Result(*function##Real) parameters = nullptr;                                                                      \
     }                                                                                                                  \
     extern "C" __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED Result function parameters qualifier      \
     {                                                                                                                  \
-        if (function##Fault.strikes())                                                                                 \
-            return (Result)(function##Fault.result);                                                                   \
+        const support::Call interposedCall(fault);                                                                     \
+        if (fault.strikes())                                                                                           \
+            return (Result)(fault.result);                                                                             \
         if (!function##Real)                                                                                           \
             function##Real = support::real<Result(*) parameters>(#function);                                           \
         return function##Real arguments;                                                                               \
