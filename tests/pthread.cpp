@@ -1,5 +1,6 @@
 #include "Quorvil/QuorvilPthread.h"
 
+#include "tests/support/allocationCount.h"
 #include "tests/support/interpose.h"
 
 #include <gmock/gmock.h>
@@ -8,10 +9,11 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
+#include <new>
 #include <semaphore>
 #include <string>
 #include <system_error>
@@ -62,7 +64,24 @@ Asked read(const pthread_attr_t* attributes)
     return values;
 }
 
+support::Fault prctlFault("prctl");
+
 } // namespace
+
+/// `prctl` takes any number of arguments; the system's own always looks at four.
+extern "C" __attribute__((visibility("default"))) int prctl(int option, ...) noexcept
+{
+    va_list rest;
+    va_start(rest, option);
+    unsigned long arguments[4];
+    for (unsigned long& argument : arguments)
+        argument = va_arg(rest, unsigned long);
+    va_end(rest);
+    if (prctlFault.strikes())
+        return static_cast<int>(prctlFault.result);
+    static const auto realPrctl = support::real<int (*)(int, ...)>("prctl");
+    return realPrctl(option, arguments[0], arguments[1], arguments[2], arguments[3]);
+}
 
 /// Remembers what was asked for, and starts the thread without its policy, to which a test may have no right.
 extern "C" __attribute__((visibility("default"))) int
@@ -300,11 +319,27 @@ TEST(Pthread, JoinFromTheThreadItselfIsRefusedAndLeavesTheHandleRunning)
 
 TEST(Pthread, ANameThatIsRefusedDoesNotMatter)
 {
-    // The attribute object is released exactly once, whatever prctl answered.
-    support::FaultScope scope(pthread_attr_destroyFault, 0, 0, 2, support::always);
-    for (int i = 0; i < 3; ++i)
-        plainForm.start(nullptr, stackKiB, 0).join();
-    EXPECT_EQ(pthread_attr_destroyFault.calls, 3);
+    support::FaultScope scope(prctlFault, -1, EPERM);
+    int target = 0;
+    EXPECT_EQ(plainForm.start(&target, stackKiB, 0).join(), &target);
+    EXPECT_EQ(prctlFault.calls, 1);
+}
+
+TEST(Pthread, WithoutMemoryForTheStartPacketNothingIsLeftBehind)
+{
+    if (const char* const reason = support::AllocationFailure::hidden())
+        GTEST_SKIP() << reason;
+    for (const Form& form : forms) {
+        SCOPED_TRACE(form.context);
+        pthread_attr_initFault.calls = pthread_attr_destroyFault.calls = createFault.calls = 0;
+        {
+            const support::AllocationFailure failure(1);
+            EXPECT_THROW(form.start(nullptr, stackKiB, SCHED_FIFO), std::bad_alloc);
+        }
+        EXPECT_EQ(pthread_attr_initFault.calls, 1);
+        EXPECT_EQ(pthread_attr_destroyFault.calls, 1);
+        EXPECT_EQ(createFault.calls, 0);
+    }
 }
 
 // Every ending of the process, with its text.
