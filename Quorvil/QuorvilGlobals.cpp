@@ -1,5 +1,6 @@
 #include "Quorvil/GeneralException.h"
 #include "Quorvil/ImplementedFunc.h"
+#include "Quorvil/QuorvilFastAllocator.h"
 #include "Quorvil/QuorvilGlobalsIntern.h"
 #include "Quorvil/QuorvilInit.h"
 #include "Quorvil/QuorvilLog.h"
@@ -87,6 +88,7 @@ private:
 
 } // namespace
 
+quorvil::SimpleHeap quorvil::SimpleHeap::singleton(0x100000);
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
 constinit std::mutex ovx::ImplementedFunc::mu;
 std::set<std::string> ovx::ImplementedFunc::allImplemented;

@@ -1,0 +1,226 @@
+// What happens while the library is loaded and unloaded. This program is not linked with the library: a forked child
+// opens it, with the calls of its load sequence interposed.
+
+#include "siblings/OvxLog/OvxLog.h"
+#include "tests/support/child.h"
+#include "tests/support/interpose.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <dlfcn.h>
+#include <elf.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <link.h>
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+support::Fault createFault("pthread_key_create");
+support::Fault deleteFault("pthread_key_delete");
+bool tellEvents = false;
+pthread_key_t libraryKey = static_cast<pthread_key_t>(-1);
+
+/// Whether the library's `safeCout` has been constructed: its first word points to its virtual table.
+bool safeCoutStands()
+{
+    void* library = dlopen(QUORVIL_LIBRARY, RTLD_NOLOAD | RTLD_LAZY);
+    void* object = library ? dlsym(library, "safeCout") : nullptr;
+    return object && *static_cast<void**>(object) != nullptr;
+}
+
+void tell(const std::string& event)
+{
+    if (!tellEvents)
+        return;
+    const std::string line = event + (safeCoutStands() ? ", console up\n" : ", no console\n");
+    ASSERT_EQ(write(STDOUT_FILENO, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+}
+
+void* openLibrary()
+{
+    tellEvents = true;
+    void* library = dlopen(QUORVIL_LIBRARY, RTLD_NOW);
+    if (!library)
+        std::fputs(dlerror(), stderr);
+    tell("loaded");
+    return library;
+}
+
+} // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"))) int stampGate(int stamp)
+{
+    tell("stampGate(" + std::to_string(stamp) + ")");
+    return -1;
+}
+
+__attribute__((visibility("default"))) int pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) noexcept
+{
+    if (createFault.strikes())
+        return static_cast<int>(createFault.result);
+    tell("pthread_key_create");
+    const int result = support::real<int (*)(pthread_key_t*, void (*)(void*))>("pthread_key_create")(key, destructor);
+    if (tellEvents)
+        libraryKey = *key;
+    return result;
+}
+
+__attribute__((visibility("default"))) int pthread_key_delete(pthread_key_t key) noexcept
+{
+    if (key == libraryKey) {
+        tell("pthread_key_delete");
+        if (deleteFault.strikes())
+            return static_cast<int>(deleteFault.result);
+    }
+    return support::real<int (*)(pthread_key_t)>("pthread_key_delete")(key);
+}
+}
+
+namespace {
+
+/// Puts the number of repeated lines in their place.
+std::string withRepeatsCounted(std::string text)
+{
+    const std::string line = "repeat pthread_key_create\n";
+    const size_t begin = text.find(line);
+    size_t end = begin;
+    while (end != std::string::npos && text.compare(end, line.size(), line) == 0)
+        end += line.size();
+    return begin == end ? text
+                        : text.replace(begin, end - begin, std::to_string((end - begin) / line.size()) + " repeats\n");
+}
+
+TEST(Load, StampsBeforeAnythingElseAndDeletesTheKeyAtTheEnd)
+{
+    const support::ChildResult child = support::runInChild([] { openLibrary(); });
+    EXPECT_EQ(child.out, "stampGate(52), no console\n"
+                         "pthread_key_create, no console\n"
+                         "loaded, console up\n"
+                         "pthread_key_delete, console up\n");
+    EXPECT_EQ(child.err, "");
+    EXPECT_EQ(child.status, 0);
+}
+
+TEST(Load, ReportsAKeyThatCannotBeCreatedAndGoesOn)
+{
+    const std::string stamped = "stampGate(52), no console\n";
+    const std::string created = "pthread_key_create, no console\nloaded, console up\npthread_key_delete, console up\n";
+    const std::string none = "loaded, console up\n";
+    struct
+    {
+        const char* name;
+        int error;
+        int times;
+        std::string out;
+        std::string err;
+        int calls;
+    } const rows[] = {
+        {"passing shortage", EAGAIN, 3, "3 repeats\n" + created, "", 4},
+        {"shortage that ends just in time", EAGAIN, 1000, "1000 repeats\n" + created, "", 1001},
+        {"lasting shortage", EAGAIN, support::always, "1000 repeats\n" + none,
+         "Could not create threadKey! (error: 11)\n", 1001},
+        {"no memory", ENOMEM, support::always, none, "Could not create threadKey! (error: ENOMEM\n)\n", 1},
+        {"another error", EPERM, support::always, none, "Could not create threadKey! (error: 1)\n", 1},
+    };
+    for (const auto& row : rows) {
+        const support::ChildResult child = support::runInChild([&row] {
+            createFault.result = row.error;
+            createFault.first = 1;
+            createFault.times = row.times;
+            createFault.calls = 0;
+            openLibrary();
+            if (createFault.calls != row.calls)
+                std::fprintf(stderr, "%d calls\n", createFault.calls.load());
+        });
+        EXPECT_EQ(withRepeatsCounted(child.out), stamped + row.out) << row.name;
+        EXPECT_EQ(child.err, row.err) << row.name;
+        EXPECT_EQ(child.status, 0) << row.name;
+    }
+}
+
+TEST(Load, ReportsAKeyThatCannotBeDeleted)
+{
+    struct
+    {
+        int error;
+        const char* err;
+    } const rows[] = {{EINVAL, "Could not delete threadKey! (error: EINVAL\n)\n"},
+                      {EPERM, "Could not delete threadKey! (error: 1)\n"}};
+    for (const auto& row : rows) {
+        const support::ChildResult child = support::runInChild([&row] {
+            deleteFault.result = row.error;
+            deleteFault.first = 1;
+            deleteFault.times = support::always;
+            openLibrary();
+        });
+        EXPECT_EQ(child.err, row.err);
+        EXPECT_EQ(child.status, 0);
+    }
+}
+
+/// The texts of one section of the loaded library, one a pointer-sized slot.
+std::vector<std::string> slotTexts(const std::string& section)
+{
+    std::ifstream file(QUORVIL_LIBRARY, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    void* library = dlopen(QUORVIL_LIBRARY, RTLD_NOW);
+    link_map* map = nullptr;
+    if (!library || dlinfo(library, RTLD_DI_LINKMAP, &map) != 0)
+        return {"not loaded"};
+
+    const auto* header = reinterpret_cast<const ElfW(Ehdr)*>(bytes.data());
+    const auto* sections = reinterpret_cast<const ElfW(Shdr)*>(bytes.data() + header->e_shoff);
+    const char* names = bytes.data() + sections[header->e_shstrndx].sh_offset;
+    std::vector<std::string> texts;
+    for (int i = 0; i < header->e_shnum; ++i) {
+        if (section != names + sections[i].sh_name)
+            continue;
+        const auto* slots = reinterpret_cast<const char* const*>(map->l_addr + sections[i].sh_addr);
+        for (size_t slot = 0; slot < sections[i].sh_size / sizeof(void*); ++slot)
+            texts.emplace_back(slots[slot]);
+    }
+    return texts;
+}
+
+TEST(LogSections, HoldTheGroupsOfTheSourcesInTheOrderOfTheSlots)
+{
+    struct
+    {
+        const char* source;
+        const char* group;
+    } const table[] = {
+        {"QuorvilGlobals", "Noname"},        {"GeneralException", "Noname"},
+        {"QuorvilSyncLockGroup", "Quorvil"}, {"QuorvilCoreDump", "QuorvilCoreDump"},
+        {"SafeLinuxCalls", "Noname"},        {"Thread", "Noname"},
+        {"CountingSemaphore", "Noname"},     {"QuorvilPthread", "Noname"},
+        {"QuorvilLinuxTimer", "Noname"},     {"QuorvilPeriodicTimer", "Noname"},
+        {"QuorvilTimeCollector", "Quorvil"}, {"QuorvilFastAllocator", "Noname"},
+        {"QuorvilSocket", "Noname"},         {"LinuxPipe", "Noname"},
+        {"QuorvilLimitedBuffer", "Quorvil"}, {"sqlite3cpp", "Noname"},
+    };
+    const std::string built = std::string(":") + QUORVIL_SOURCES + ":";
+    std::vector<std::string> expected;
+    for (const auto& row : table)
+        if (built.find(std::string(":") + row.source + ".cpp:") != std::string::npos)
+            expected.emplace_back(row.group);
+
+    EXPECT_GE(expected.size(), 3U);
+    EXPECT_EQ(slotTexts("LogGroups"), expected);
+    EXPECT_EQ(slotTexts("LogGroupsA"), expected);
+}
+
+TEST(Surface, NamesThatOtherLanguagesAndToolsLookUpArePlain)
+{
+    void* library = dlopen(QUORVIL_LIBRARY, RTLD_NOW);
+    ASSERT_TRUE(library) << dlerror();
+    for (const char* name : {"Quorvil_constructor", "initLocale", "safeCout", "safeCerr"})
+        EXPECT_TRUE(dlsym(library, name)) << name;
+}
+
+} // namespace

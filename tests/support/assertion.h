@@ -1,0 +1,34 @@
+// What a failed assertion of the library writes, for death tests.
+
+#ifndef QUORVIL_TESTS_SUPPORT_ASSERTION_H
+#define QUORVIL_TESTS_SUPPORT_ASSERTION_H
+
+#include <cstring>
+#include <string>
+
+namespace support {
+
+/// The text as a regular expression that matches it and nothing else.
+inline std::string literal(const std::string& text)
+{
+    std::string result;
+    for (const char c : text) {
+        if (std::strchr("\\^$.|?*+()[]{}", c))
+            result += '\\';
+        result += c;
+    }
+    return result;
+}
+
+/// The whole line of an assertion, whatever its line number:
+/// `EXPECT_DEATH(heap.alloc(9), support::assertion("Quorvil/X", "void X::f()", "a == b"))`. An empty `function` is any:
+/// for templates, whose signatures each compiler writes in its own way.
+inline std::string assertion(const std::string& file, const std::string& function, const std::string& expression)
+{
+    return ": " + literal(file) + ":[0-9]+: " + (function.empty() ? ".*" : literal(function)) + ": Assertion `" +
+           literal(expression) + "' failed\\.\n";
+}
+
+} // namespace support
+
+#endif
