@@ -6,22 +6,59 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <dlfcn.h>
 #include <limits>
-#include <string>
+
+// A sanitizer's runtime calls interposed functions before it can serve instrumented code.
+#ifdef __clang__
+#define SUPPORT_UNINSTRUMENTED __attribute__((disable_sanitizer_instrumentation))
+#else
+#define SUPPORT_UNINSTRUMENTED __attribute__((no_sanitize("address", "undefined", "thread")))
+#endif
 
 namespace support {
 
 /// The system's own function. Where a sanitizer stands between, its interceptor is the one to call.
 template <typename Function>
-Function real(const char* name)
+SUPPORT_UNINSTRUMENTED Function real(const char* name)
 {
-    if (void* interceptor = dlsym(RTLD_DEFAULT, (std::string("__interceptor_") + name).c_str()))
-        return reinterpret_cast<Function>(interceptor);
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+    static constexpr char prefix[] = "__interceptor_";
+    char interceptorName[128];
+    char* end = interceptorName;
+    for (const char* from = prefix; *from != 0; ++from)
+        *end++ = *from;
+    for (const char* from = name; *from != 0 && end < interceptorName + sizeof interceptorName - 1; ++from)
+        *end++ = *from;
+    *end = 0;
+    void* function = dlsym(RTLD_DEFAULT, interceptorName);
+    return reinterpret_cast<Function>(function ? function : dlsym(RTLD_NEXT, name));
 }
+
+/// A number that several threads may count up.
+class Count
+{
+public:
+    explicit constexpr Count(int start)
+        : value(start)
+    {
+    }
+    SUPPORT_UNINSTRUMENTED operator int() const
+    {
+        return __atomic_load_n(&value, __ATOMIC_SEQ_CST);
+    }
+    SUPPORT_UNINSTRUMENTED int operator++()
+    {
+        return __atomic_add_fetch(&value, 1, __ATOMIC_SEQ_CST);
+    }
+    SUPPORT_UNINSTRUMENTED void operator=(int next)
+    {
+        __atomic_store_n(&value, next, __ATOMIC_SEQ_CST);
+    }
+
+private:
+    int value;
+};
 
 /// What is to happen to one interposed function, and how often it was called.
 class Fault
@@ -36,7 +73,7 @@ public:
     Fault& operator=(const Fault&) = delete;
 
     /// Counts the call; true if it has to fail.
-    bool strikes()
+    SUPPORT_UNINSTRUMENTED bool strikes()
     {
         const int call = ++calls;
         if (call < first || call - first >= times)
@@ -48,12 +85,12 @@ public:
     }
 
     const char* const name;
-    std::atomic<int> calls{0};   ///< since the last `FaultScope`, or the start
-    std::atomic<int> reached{0}; ///< calls that failed since then
-    long result = 0;             ///< what a failing call returns
-    int error = 0;               ///< what it leaves in `errno`, if not 0
-    int first = 0;               ///< number of the first call that fails, from 1
-    int times = 0;               ///< number of calls that fail; 0: none
+    Count calls{0};   ///< since the last `FaultScope`, or the start
+    Count reached{0}; ///< calls that failed since then
+    long result = 0;  ///< what a failing call returns
+    int error = 0;    ///< what it leaves in `errno`, if not 0
+    Count first{0};   ///< number of the first call that fails, from 1
+    Count times{0};   ///< number of calls that fail; 0: none
 };
 
 /// For ever, as a number of failing calls.
@@ -93,14 +130,16 @@ private:
 /// (pthread_key_t key), (key), noexcept)`. The last argument is what the system header declares behind the parameters.
 #define SUPPORT_INTERPOSE(Result, function, parameters, arguments, qualifier)                                          \
     namespace {                                                                                                        \
-    support::Fault function##Fault(#function);                                                                         \
+    constinit support::Fault function##Fault(#function);                                                               \
+    Result(*function##Real) parameters = nullptr;                                                                      \
     }                                                                                                                  \
-    extern "C" __attribute__((visibility("default"))) Result function parameters qualifier                             \
+    extern "C" __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED Result function parameters qualifier      \
     {                                                                                                                  \
         if (function##Fault.strikes())                                                                                 \
             return (Result)(function##Fault.result);                                                                   \
-        static const auto realFunction = support::real<Result(*) parameters>(#function);                               \
-        return realFunction arguments;                                                                                 \
+        if (!function##Real)                                                                                           \
+            function##Real = support::real<Result(*) parameters>(#function);                                           \
+        return function##Real arguments;                                                                               \
     }
 
 #endif
