@@ -1,6 +1,7 @@
 #include "Quorvil/QuorvilPthread.h"
 
 #include "tests/support/allocationCount.h"
+#include "tests/support/assertion.h"
 #include "tests/support/interpose.h"
 
 #include <gmock/gmock.h>
@@ -25,7 +26,6 @@
 #include <unistd.h>
 
 using quorvil::Pthread;
-using testing::AllOf;
 using testing::HasSubstr;
 
 SUPPORT_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * attr), (attr), noexcept)
@@ -50,7 +50,7 @@ struct Asked
 };
 
 Asked asked;
-support::Fault createFault("pthread_create");
+constinit support::Fault createFault("pthread_create");
 
 Asked read(const pthread_attr_t* attributes)
 {
@@ -64,12 +64,12 @@ Asked read(const pthread_attr_t* attributes)
     return values;
 }
 
-support::Fault prctlFault("prctl");
+constinit support::Fault prctlFault("prctl");
 
 } // namespace
 
 /// `prctl` takes any number of arguments; the system's own always looks at four.
-extern "C" __attribute__((visibility("default"))) int prctl(int option, ...) noexcept
+extern "C" __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int prctl(int option, ...) noexcept
 {
     va_list rest;
     va_start(rest, option);
@@ -79,24 +79,22 @@ extern "C" __attribute__((visibility("default"))) int prctl(int option, ...) noe
     va_end(rest);
     if (prctlFault.strikes())
         return static_cast<int>(prctlFault.result);
-    static const auto realPrctl = support::real<int (*)(int, ...)>("prctl");
-    return realPrctl(option, arguments[0], arguments[1], arguments[2], arguments[3]);
+    return support::real<int (*)(int, ...)>("prctl")(option, arguments[0], arguments[1], arguments[2], arguments[3]);
 }
 
 /// Remembers what was asked for, and starts the thread without its policy, to which a test may have no right.
-extern "C" __attribute__((visibility("default"))) int
+extern "C" __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int
 pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* arg) noexcept
 {
     if (createFault.strikes())
         return static_cast<int>(createFault.result);
-    static const auto create = support::real<decltype(&pthread_create)>("pthread_create");
+    const auto create = support::real<decltype(&pthread_create)>("pthread_create");
     if (attributes == nullptr)
         return create(thread, attributes, routine, arg);
     asked = read(attributes);
     pthread_attr_t plain = *attributes;
-    static const auto setInherit =
-        support::real<decltype(&pthread_attr_setinheritsched)>("pthread_attr_setinheritsched");
-    setInherit(&plain, PTHREAD_INHERIT_SCHED);
+    support::real<decltype(&pthread_attr_setinheritsched)>("pthread_attr_setinheritsched")(&plain,
+                                                                                           PTHREAD_INHERIT_SCHED);
     return create(thread, &plain, routine, arg);
 }
 
@@ -331,7 +329,8 @@ TEST(Pthread, WithoutMemoryForTheStartPacketNothingIsLeftBehind)
         GTEST_SKIP() << reason;
     for (const Form& form : forms) {
         SCOPED_TRACE(form.context);
-        pthread_attr_initFault.calls = pthread_attr_destroyFault.calls = createFault.calls = 0;
+        for (support::Fault* fault : {&pthread_attr_initFault, &pthread_attr_destroyFault, &createFault})
+            fault->calls = 0;
         {
             const support::AllocationFailure failure(1);
             EXPECT_THROW(form.start(nullptr, stackKiB, SCHED_FIFO), std::bad_alloc);
@@ -393,18 +392,18 @@ TEST(PthreadDeathTest, AnUnknownPolicyFailsTheAssertionOfItsConstructor)
     for (const Form* form : {&forms[2], &forms[3]}) {
         for (const int policy : {-1, 3}) {
             EXPECT_DEATH(form->start(nullptr, stackKiB, policy),
-                         AllOf(HasSubstr("Quorvil/QuorvilPthread:"),
-                               HasSubstr(assertion(": ", form->context,
-                                                   "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1"))));
+                         support::assertion("Quorvil/QuorvilPthread", form->context,
+                                            "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1"));
         }
     }
 }
 
 TEST(PthreadDeathTest, AThreadWithoutAFunctionFailsTheAssertionOfTheEntryRoutine)
 {
-    const std::string text = assertion(": ", "void* quorvil::pthreadFunc(void*)", "t->alternativeF");
-    EXPECT_DEATH(Pthread(nullptr, nullptr, stackKiB).join(), HasSubstr(text));
-    EXPECT_DEATH(Pthread(Pthread::AlternativeFunc(), stackKiB).join(), HasSubstr(text));
+    const std::string text =
+        support::assertion("Quorvil/QuorvilPthread", "void* quorvil::pthreadFunc(void*)", "t->alternativeF");
+    EXPECT_DEATH(Pthread(nullptr, nullptr, stackKiB).join(), text);
+    EXPECT_DEATH(Pthread(Pthread::AlternativeFunc(), stackKiB).join(), text);
 }
 
 TEST(PthreadDeathTest, ARunningHandleCanNeitherDieNorBeOverwritten)

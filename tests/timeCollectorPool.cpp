@@ -1,0 +1,611 @@
+#include "Quorvil/QuorvilTimeCollector.h"
+
+#include "Quorvil/GeneralException.h"
+#include "tests/support/allocationCount.h"
+#include "tests/support/assertion.h"
+#include "tests/support/environment.h"
+#include "tests/support/systemCalls.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <latch>
+#include <limits>
+#include <memory>
+#include <new>
+#include <optional>
+#include <semaphore>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using quorvil::TimeCollector;
+using quorvil::TimeCollectorPool;
+using std::chrono::system_clock;
+using Handle = TimeCollectorPool::Handle;
+
+namespace {
+
+constexpr size_t subHeapSize = 1024;
+
+/// Where a pool prints to. The hooks run on the dump thread, before a write and before a flush.
+struct Paper : std::stringbuf
+{
+    std::function<void()> onWrite = [] {};
+    std::function<void()> onFlush = [] {};
+
+protected:
+    std::streamsize xsputn(const char* text, std::streamsize length) override
+    {
+        onWrite();
+        return std::stringbuf::xsputn(text, length);
+    }
+
+    int sync() override
+    {
+        onFlush();
+        return 0;
+    }
+};
+
+/// Holds the dump thread at the first character that it prints until it is let go.
+class Stop
+{
+public:
+    explicit Stop(Paper& paper)
+    {
+        paper.onWrite = [this] {
+            if (!passed.exchange(true)) {
+                reached.release();
+                go.acquire();
+            }
+        };
+    }
+
+    void await()
+    {
+        reached.acquire();
+    }
+
+    void letGo()
+    {
+        go.release();
+    }
+
+private:
+    std::atomic<bool> passed{false};
+    std::binary_semaphore reached{0};
+    std::binary_semaphore go{0};
+};
+
+Handle filled(TimeCollectorPool& pool, const std::string& name)
+{
+    Handle record = pool.get(1);
+    record->add(name, system_clock::time_point());
+    return record;
+}
+
+std::string printed(const std::string& name)
+{
+    return name + ": 0 ns    (first +         0 ns)   (last +         0 ns)\n===== Insgesamt: 0 ns\n\n";
+}
+
+size_t freeRecords(TimeCollectorPool& pool)
+{
+    std::vector<Handle> records;
+    while (Handle record = pool.tryGet(0))
+        records.push_back(std::move(record));
+    return records.size();
+}
+
+template <class Exception, class Operation>
+void expectThrow(const char* text, Operation operation)
+{
+    try {
+        operation();
+        ADD_FAILURE() << "no exception: " << text;
+    } catch (const Exception& error) {
+        EXPECT_STREQ(error.what(), text);
+    }
+}
+
+size_t threadsOfTheProcess()
+{
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+struct TimeCollectorPoolTest : testing::Test
+{
+    Paper paper;
+    std::ostream out{&paper};
+};
+
+using TimeCollectorPoolLoan = TimeCollectorPoolTest;
+
+TEST_F(TimeCollectorPoolLoan, EveryHeapSizeThatIsAMultipleOf8FitsForAnyNumberOfRecords)
+{
+    for (const size_t bytes : {size_t{0}, size_t{8}, size_t{16}, size_t{56}, size_t{1024}, size_t{65536}}) {
+        for (const size_t count : {0U, 1U, 2U, 3U, 7U, 64U}) {
+            SCOPED_TRACE(std::to_string(count) + " records of " + std::to_string(bytes));
+            TimeCollectorPool pool(out, 0, bytes, count);
+            std::vector<Handle> records;
+            std::set<TimeCollector*> places;
+            for (size_t i = 0; i < count; ++i) {
+                records.push_back(pool.get(bytes / sizeof(TimeCollector::Entry)));
+                places.insert(records.back().get());
+                for (size_t used = sizeof(TimeCollector::Entry); used <= bytes; used += sizeof(TimeCollector::Entry))
+                    records.back()->add("full");
+            }
+            EXPECT_EQ(places.size(), count);
+            expectThrow<util::GeneralException>("Pool underflow", [&] { pool.get(0); });
+            EXPECT_EQ(pool.tryGet(0), nullptr);
+            for (Handle& record : records)
+                pool.dump(std::move(record));
+        }
+    }
+}
+
+TEST_F(TimeCollectorPoolLoan, TheRecordReturnedLastIsTheNextOneAndArrivesEmpty)
+{
+    TimeCollectorPool pool(out, 0, subHeapSize, 2);
+    Handle first = pool.get(3);
+    Handle second = pool.get(3);
+    TimeCollector* const place = first.get();
+    first->add("a name of more than 15 characters");
+    first.reset();
+    first = pool.get(1);
+    EXPECT_EQ(first.get(), place);
+    std::ostringstream text;
+    first->dump(text, 0);
+    EXPECT_EQ(text.str(), "TimeCollector: no entries\n");
+    expectThrow<util::GeneralException>("Pool underflow", [&] { pool.get(SIZE_MAX); });
+    first.reset();
+    second.reset();
+    expectThrow<util::GeneralException>("Pool overflow", [&] { pool.put(place); });
+    EXPECT_EQ(freeRecords(pool), 2U);
+    pool.close();
+    EXPECT_EQ(paper.str(), "") << "what is not passed to dump is not printed";
+}
+
+TEST_F(TimeCollectorPoolLoan, ACapacityThatNoRecordCanHaveLeavesTheRecordInThePool)
+{
+    TimeCollectorPool pool(out, 0, subHeapSize, 1);
+    for (const size_t capacity : {size_t{INT_MAX} + 1, std::numeric_limits<size_t>::max()}) {
+        expectThrow<std::length_error>("vector::reserve", [&] { pool.get(capacity); });
+        expectThrow<std::length_error>("vector::reserve", [&] { pool.tryGet(capacity); });
+    }
+    EXPECT_EQ(freeRecords(pool), 1U);
+}
+
+TEST_F(TimeCollectorPoolLoan, ABlockThatCannotBeCountedIsRefused)
+{
+    constexpr size_t most = std::numeric_limits<size_t>::max();
+    const size_t rows[][2] = {{most, 1}, {most - 7, 1}, {most / 2, 2}, {8, most}, {0, most - 1}, {most / 8, 8}};
+    for (const auto& [bytes, count] : rows)
+        EXPECT_THROW(TimeCollectorPool(out, 0, bytes, count), std::bad_array_new_length) << bytes << " x " << count;
+    EXPECT_THROW(TimeCollectorPool(out, 0, 0, size_t{INT_MAX} + 1), std::bad_array_new_length);
+}
+
+TEST_F(TimeCollectorPoolLoan, WithoutMemoryNothingIsLeftBehindAndWithMemoryAllIsWell)
+{
+    if (const char* const reason = support::AllocationFailure::hidden())
+        GTEST_SKIP() << reason;
+    // The system keeps the stack of this pool's thread for the next one, so that starting a thread takes no memory.
+    std::make_unique<TimeCollectorPool>(out, 0, subHeapSize, 3).reset();
+    const size_t threads = threadsOfTheProcess();
+    for (const bool forEver : {false, true}) {
+        size_t k = 0;
+        bool reached;
+        do {
+            std::optional<TimeCollectorPool> pool;
+            support::AllocationFailure failure(++k, forEver);
+            try {
+                pool.emplace(out, 0, subHeapSize, 3U);
+            } catch (const std::bad_alloc&) {
+            }
+            reached = failure.reached();
+            EXPECT_EQ(pool.has_value(), !reached) << k;
+            EXPECT_EQ(threadsOfTheProcess(), threads + (reached ? 0 : 1)) << k;
+            if (pool)
+                break; // closing takes memory for the thread's last exception
+        } while (reached);
+        EXPECT_GT(k, 5U);
+    }
+    TimeCollectorPool pool(out, 0, subHeapSize, 3);
+    EXPECT_EQ(freeRecords(pool), 3U);
+}
+
+using TimeCollectorPoolPrint = TimeCollectorPoolTest;
+
+TEST_F(TimeCollectorPoolPrint, PrintsInTheOrderOfDumpWithTheWidthAndTheLocaleOfItsStream)
+{
+    {
+        TimeCollectorPool pool(out, 7, subHeapSize, 3);
+        Handle third = pool.get(1);
+        Handle second = pool.get(1);
+        Handle first = pool.get(1);
+        first->add("first", system_clock::time_point(std::chrono::microseconds(1000)));
+        third->add("third", system_clock::time_point());
+        pool.dump(std::move(first));
+        EXPECT_EQ(first, nullptr);
+        pool.dump(std::move(first)); // an empty handle
+        pool.dump(std::move(second));
+        pool.dump(std::move(third));
+    }
+    EXPECT_EQ(paper.str(), "first  : 1000000 ns    (first +         0 ns)   (last +         0 ns)\n"
+                           "===== Insgesamt: 0 ns\n\n"
+                           "TimeCollector: no entries\n" +
+                               printed("third  "));
+    std::ostringstream console;
+    console.imbue(std::cout.getloc());
+    console << 1234567 << ' ' << 0.5;
+    EXPECT_EQ(console.str(), "1 234 567 0.5") << "the console groups, whatever the pool prints to";
+}
+
+TEST_F(TimeCollectorPoolPrint, TheRecordIsBackBeforeTheLastFlushAndNotBefore)
+{
+    TimeCollectorPool* seen = nullptr;
+    std::vector<bool> back;
+    paper.onFlush = [&] { back.push_back(seen->tryGet(0) != nullptr); };
+    Stop stop(paper);
+    TimeCollectorPool pool(out, 0, subHeapSize, 1);
+    seen = &pool;
+    pool.dump(filled(pool, "only"));
+    stop.await();
+    expectThrow<util::GeneralException>("Pool underflow", [&] { pool.get(0); });
+    stop.letGo();
+    pool.close();
+    // The record's own flush, the one behind its return, and the one at the thread's end.
+    EXPECT_EQ(back, (std::vector<bool>{false, true, true}));
+}
+
+TEST_F(TimeCollectorPoolPrint, AStreamThatThrowsGetsThroughAndTheRecordGoesBack)
+{
+    Stop stop(paper);
+    paper.onWrite = [hold = paper.onWrite, here = std::this_thread::get_id()] {
+        if (std::this_thread::get_id() == here)
+            throw std::runtime_error("paper jam");
+        hold();
+    };
+    TimeCollectorPool pool(out, 0, subHeapSize, 2);
+    pool.dump(filled(pool, "holds the dump thread"));
+    stop.await();
+    // Now this thread prints in its place.
+    pool.dump(filled(pool, "thrown"));
+    out.exceptions(std::ios::badbit);
+    expectThrow<std::runtime_error>("paper jam", [&] { pool.threadRun(); });
+    EXPECT_NE(pool.tryGet(0), nullptr);
+    out.exceptions(std::ios::goodbit);
+    out.clear();
+    stop.letGo();
+    pool.close();
+    EXPECT_EQ(paper.str(), printed("holds the dump thread"));
+}
+
+TEST_F(TimeCollectorPoolPrint, AFullQueueLeavesTheRecordWithItsCaller)
+{
+    TimeCollectorPool others(out, 0, subHeapSize, 2);
+    Stop stop(paper);
+    {
+        TimeCollectorPool pool(out, 0, subHeapSize, 1);
+        pool.dump(filled(pool, "printing"));
+        stop.await();
+        pool.dump(filled(others, "queued"));
+        Handle refused = filled(others, "refused");
+        pool.dump(std::move(refused));
+        EXPECT_NE(refused, nullptr);
+        stop.letGo();
+    }
+    EXPECT_EQ(paper.str(), printed("printing") + printed("queued"));
+    EXPECT_EQ(freeRecords(others), 2U) << "each record went back to its own pool";
+}
+
+TEST_F(TimeCollectorPoolPrint, TheDumpThreadHasItsStackAndEndsByReturningNull)
+{
+    EXPECT_EQ(TimeCollectorPool::THREAD_STACK_SIZE, 2048U);
+    size_t stackBytes = 0;
+    paper.onWrite = [&stackBytes] {
+        pthread_attr_t attributes;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstacksize(&attributes, &stackBytes);
+        pthread_attr_destroy(&attributes);
+    };
+    TimeCollectorPool pool(out, 0, subHeapSize, 1);
+    pool.dump(pool.get(0));
+    pool.close();
+    EXPECT_GE(stackBytes, 2048U * 1024);
+    if (!support::sanitized)
+        EXPECT_LT(stackBytes, 2048U * 1024 + 65536);
+    EXPECT_EQ(TimeCollectorPool::threadFunc(&pool), nullptr);
+}
+
+using TimeCollectorPoolEnd = TimeCollectorPoolTest;
+
+TEST_F(TimeCollectorPoolEnd, WhatIsQueuedIsPrintedWhateverTheDumpThreadIsDoing)
+{
+    const size_t threads = threadsOfTheProcess();
+    for (int queued = 0; queued <= 3; ++queued) {
+        for (const bool printing : {false, true}) {
+            for (const bool inHands : {false, true}) {
+                paper.str("");
+                std::string expected;
+                Stop stop(paper);
+                {
+                    TimeCollectorPool pool(out, 0, subHeapSize, 5);
+                    const Handle mine = inHands ? filled(pool, "mine") : Handle();
+                    if (printing) {
+                        pool.dump(filled(pool, "printing"));
+                        expected += printed("printing");
+                        stop.await();
+                    }
+                    for (int i = 0; i < queued; ++i) {
+                        pool.dump(filled(pool, std::to_string(i)));
+                        expected += printed(std::to_string(i));
+                    }
+                    stop.letGo();
+                    if (inHands)
+                        pool.close();
+                }
+                EXPECT_EQ(paper.str(), expected);
+                EXPECT_EQ(threadsOfTheProcess(), threads);
+            }
+        }
+    }
+}
+
+TEST_F(TimeCollectorPoolEnd, ClosersWaitTogetherAndTheClosedPoolReturnsRecordsUnprinted)
+{
+    Stop stop(paper);
+    TimeCollectorPool pool(out, 0, subHeapSize, 3);
+    Handle late = filled(pool, "late");
+    pool.dump(filled(pool, "printing"));
+    stop.await();
+    pool.dump(filled(pool, "queued"));
+    std::atomic<int> closed{0};
+    std::vector<std::thread> closers;
+    for (int i = 0; i < 3; ++i) {
+        closers.emplace_back([&] {
+            pool.close();
+            ++closed;
+        });
+    }
+    EXPECT_EQ(closed, 0) << "the print is not over";
+    stop.letGo();
+    for (std::thread& closer : closers)
+        closer.join();
+    pool.close();
+    pool.dump(std::move(late));
+    EXPECT_EQ(late, nullptr);
+    EXPECT_EQ(freeRecords(pool), 3U);
+    EXPECT_EQ(paper.str(), printed("printing") + printed("queued"));
+}
+
+TEST_F(TimeCollectorPoolEnd, CloseFromWithinTheStreamIsRefusedAndAnotherCloseStillEndsThePool)
+{
+    TimeCollectorPool* seen = nullptr;
+    int code = 0;
+    std::binary_semaphore asked(0);
+    paper.onWrite = [&] {
+        try {
+            if (code == 0)
+                seen->close();
+        } catch (const std::system_error& error) {
+            code = error.code().value();
+            asked.release();
+        }
+    };
+    TimeCollectorPool pool(out, 0, subHeapSize, 1);
+    seen = &pool;
+    pool.dump(pool.get(0));
+    asked.acquire();
+    pool.close();
+    EXPECT_EQ(code, EDEADLK);
+    EXPECT_EQ(paper.str(), "TimeCollector: no entries\n");
+}
+
+TEST_F(TimeCollectorPoolEnd, ARecordPassedToDumpDuringACloseIsPrintedOrGoesBack)
+{
+    constexpr size_t producers = 3;
+    const int rounds = support::sanitized || support::emulated ? 100 : 1000;
+    for (int round = 0; round < rounds; ++round) {
+        paper.str("");
+        TimeCollectorPool pool(out, 0, 256, producers);
+        std::latch start(producers + 2);
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < producers; ++i) {
+            threads.emplace_back([&] {
+                start.arrive_and_wait();
+                pool.dump(filled(pool, "x"));
+            });
+        }
+        for (int i = 0; i < 2; ++i) {
+            threads.emplace_back([&] {
+                start.arrive_and_wait();
+                pool.close();
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        ASSERT_EQ(freeRecords(pool), producers) << "none lies in the ring of a closed pool";
+        ASSERT_EQ(paper.str().size() % printed("x").size(), 0U);
+    }
+}
+
+TEST_F(TimeCollectorPoolPrint, ManyProducersExhaustAndRefillThePoolAndEveryRecordComesOutWhole)
+{
+    constexpr int producers = 4;
+    const int operations = support::sanitized || support::emulated ? 20000 : 250000;
+    // Each line shows its producer and its number; counting them on the fly keeps the paper short.
+    struct Check : std::stringbuf
+    {
+        int sync() override
+        {
+            const std::string text = str();
+            if (text.empty())
+                return 0; // the flush behind the record's return
+            str("");
+            int producer = 0;
+            int number = 0;
+            if (std::sscanf(text.c_str(), "%d: %d ns", &producer, &number) != 2 ||
+                number <= last.at(static_cast<size_t>(producer)) ||
+                text != std::to_string(producer) + ": " + std::to_string(number) + printed("").substr(3))
+                ++mixed;
+            else
+                last[static_cast<size_t>(producer)] = number;
+            ++records;
+            return 0;
+        }
+        std::vector<int> last = std::vector<int>(producers, 0);
+        int mixed = 0;
+        int records = 0;
+    } check;
+    std::ostream checked(&check);
+    std::atomic<int> dumps{0};
+    std::atomic<int> refused{0};
+    {
+        TimeCollectorPool pool(checked, 0, 256, 3);
+        std::vector<std::thread> threads;
+        for (int producer = 0; producer < producers; ++producer) {
+            threads.emplace_back([&, producer, name = std::to_string(producer)] {
+                for (int number = 1; number <= operations; ++number) {
+                    Handle record = pool.tryGet(2);
+                    if (!record) {
+                        ++refused;
+                        continue;
+                    }
+                    record->add(name, system_clock::time_point(std::chrono::nanoseconds(number)));
+                    if (number % 8 == 0) {
+                        pool.dump(std::move(record));
+                        ++dumps;
+                    }
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        pool.close();
+        EXPECT_EQ(freeRecords(pool), 3U);
+    }
+    EXPECT_EQ(check.mixed, 0);
+    EXPECT_EQ(check.records, dumps);
+    EXPECT_GT(dumps, 0);
+    RecordProperty("refused", refused);
+}
+
+using TimeCollectorPoolRealTime = TimeCollectorPoolTest;
+
+TEST_F(TimeCollectorPoolRealTime, TakesNoMemoryAndMakesNoSystemCallButTheWakeUp)
+{
+    std::atomic<pid_t> dumpThread{0};
+    std::binary_semaphore flushed(0);
+    Stop stop(paper);
+    const auto hold = std::exchange(paper.onWrite, [&] { dumpThread = gettid(); });
+    TimeCollectorPool pool(out, 0, 4096, 4);
+    const auto calls = [](const std::function<void()>& operation) {
+        const support::AllocationCount count;
+        if (support::systemCallsHidden() != nullptr) {
+            operation();
+            EXPECT_EQ(count.allocations(), 0U);
+            EXPECT_EQ(count.releases(), 0U);
+            return std::vector<int>();
+        }
+        return support::systemCallsOf([&] {
+            const support::AllocationCount inside;
+            operation();
+            EXPECT_EQ(inside.allocations(), 0U);
+            EXPECT_EQ(inside.releases(), 0U);
+        });
+    };
+    Handle record;
+    const auto record20 = [&] {
+        record = pool.get(20);
+        for (int i = 0; i < 20; ++i)
+            record->add(i % 2 == 0 ? "short" : "a name of more than 15");
+    };
+    EXPECT_EQ(calls([&] {
+                  record20();
+                  record.reset();
+                  record = pool.tryGet(5);
+                  record.reset();
+              }),
+              std::vector<int>());
+
+    // Once the dump thread sleeps in the queue, a dump makes the one call that wakes it.
+    pool.dump(pool.get(0));
+    while (dumpThread == 0)
+        std::this_thread::yield();
+    const auto asleep = [&] {
+        std::ifstream stat("/proc/self/task/" + std::to_string(dumpThread) + "/stat");
+        std::string text;
+        std::getline(stat, text);
+        return text.find(") S ") != std::string::npos && freeRecords(pool) == 4;
+    };
+    while (!asleep())
+        std::this_thread::yield();
+    paper.onWrite = hold;
+    const std::vector<int> wakeUp =
+        support::systemCallsHidden() != nullptr ? std::vector<int>() : std::vector<int>{SYS_futex};
+    EXPECT_EQ(calls([&] {
+                  record20();
+                  pool.dump(std::move(record));
+              }),
+              wakeUp);
+
+    // While it prints, nobody has to be woken: neither by the first record in the queue nor by the second.
+    stop.await();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(calls([&] {
+                      record20();
+                      pool.dump(std::move(record));
+                  }),
+                  std::vector<int>());
+    }
+    stop.letGo();
+    pool.close();
+    record = pool.get(1);
+    EXPECT_EQ(calls([&] { pool.dump(std::move(record)); }), std::vector<int>());
+}
+
+struct TimeCollectorPoolDeathTest : TimeCollectorPoolTest
+{
+    const std::string exhausted =
+        support::assertion("Quorvil/QuorvilFastAllocator", "virtual void* quorvil::BaseHeap::alloc(size_t)",
+                           "nextMem + ceilSize <= memEnd");
+};
+
+TEST_F(TimeCollectorPoolDeathTest, TheBlockHasNoSlackForAHeapSizeThatIsNoMultipleOf8)
+{
+    // A byte short of a multiple of 8 is the tightest: the record takes one byte more than was counted.
+    for (const size_t bytes : {size_t{1}, size_t{7}, size_t{1023}})
+        EXPECT_DEATH(TimeCollectorPool(out, 0, bytes, 1), exhausted);
+}
+
+TEST_F(TimeCollectorPoolDeathTest, ARecordWhoseHeapIsTooSmallEndsTheProcess)
+{
+    EXPECT_DEATH(TimeCollectorPool(out, 0, 8, 1).get(1), exhausted);
+}
+
+TEST_F(TimeCollectorPoolDeathTest, AHandleWithoutAPoolFailsTheAssertionOfItsDeleter)
+{
+    TimeCollector record(0);
+    EXPECT_DEATH(quorvil::TimeCollectorDeleter()(&record),
+                 support::assertion("Quorvil/QuorvilTimeCollector",
+                                    "void quorvil::TimeCollectorDeleter::operator()(quorvil::TimeCollector*)", "tcp"));
+}
+
+} // namespace
