@@ -43,6 +43,15 @@ size_t times(size_t a, size_t b)
 template <class T>
 constexpr size_t blockOf = (sizeof(T) + 7) / 8 * 8;
 
+/// The classic locale with grouped numbers. The facet belongs to the locale once that is made, and not before.
+std::locale groupedLocale()
+{
+    auto punctuation = std::make_unique<MyNumPunct>();
+    std::locale locale(std::locale::classic(), punctuation.get());
+    static_cast<void>(punctuation.release());
+    return locale;
+}
+
 } // namespace
 
 MyNumPunct::MyNumPunct(size_t references)
@@ -183,7 +192,7 @@ TimeCollectorPool::TimeCollectorPool(std::ostream& stream, int width, size_t cou
 TimeCollectorPool::TimeCollectorPool(std::ostream& stream, int width, size_t subHeapSize, size_t count)
     : TimeCollectorPool(stream, width, count, std::make_shared<SimpleHeap>(blockBytes(subHeapSize, count)))
 {
-    std::cout.imbue(std::locale(std::locale::classic(), new MyNumPunct));
+    std::cout.imbue(groupedLocale());
 
     FastAllocator<SubHeap> subHeapAlloc(heap);
     intern::require(subHeapAlloc.getHeap().get() == heap.get(), "subHeapAlloc.getHeap().get() == heap.get()", source,

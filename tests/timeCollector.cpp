@@ -153,9 +153,9 @@ TEST_F(TimeCollectorDump, PrintsAnyNamesTimesAndWidthsAsTheModelDoes)
         record.reset(static_cast<int>(random() % 16));
         std::vector<std::pair<std::string, long long>> entries;
         for (size_t i = 0; i < count; ++i) {
-            entries.emplace_back(std::string(random() % 40, static_cast<char>('a' + random() % 26)),
-                                 static_cast<long long>(random()) - 1000000000 +
-                                     (random() % 3) * 1500000000000000000LL);
+            const auto t =
+                static_cast<long long>(random()) - 1000000000 + (random() % 3 == 0 ? 1500000000000000000 : 0);
+            entries.emplace_back(std::string(random() % 40, static_cast<char>('a' + random() % 26)), t);
             record.add(entries.back().first, at(entries.back().second));
         }
         const int nameWidth = static_cast<int>(random() % 50) - 5;
@@ -287,8 +287,9 @@ TEST(TimeCollector, RecordsWithoutTheSystem)
     use();
     EXPECT_EQ(count.allocations(), 0U);
     EXPECT_EQ(count.releases(), 0U);
-    if (support::systemCallsHidden() == nullptr)
+    if (support::systemCallsHidden() == nullptr) {
         EXPECT_EQ(support::systemCallsOf(use), std::vector<int>());
+    }
 }
 
 TEST(MyNumPunct, GroupsByThreesWithBlanks)

@@ -208,26 +208,34 @@ TEST_F(TimeCollectorPoolLoan, WithoutMemoryNothingIsLeftBehindAndWithMemoryAllIs
     // The system keeps the stack of this pool's thread for the next one, so that starting a thread takes no memory.
     std::make_unique<TimeCollectorPool>(out, 0, subHeapSize, 3).reset();
     const size_t threads = threadsOfTheProcess();
+    // Behind the block's two allocations a locale is made. It frees twice where one of its last two fails (libstdc++
+    // 12), so that these are left out.
+    const support::AllocationCount count;
+    std::locale(std::locale::classic(), new quorvil::MyNumPunct);
+    const size_t broken = 2 + count.allocations() - 1;
     for (const bool forEver : {false, true}) {
-        size_t k = 0;
-        bool reached;
-        do {
+        size_t failures = 0;
+        for (size_t k = 1;; k == broken - 1 ? k += 3 : ++k) {
             std::optional<TimeCollectorPool> pool;
-            support::AllocationFailure failure(++k, forEver);
-            try {
-                pool.emplace(out, 0, subHeapSize, 3U);
-            } catch (const std::bad_alloc&) {
+            bool reached;
+            {
+                const support::AllocationFailure failure(k, forEver);
+                try {
+                    pool.emplace(out, 0, subHeapSize, 3U);
+                } catch (const std::bad_alloc&) {
+                    ++failures;
+                }
+                reached = failure.reached();
             }
-            reached = failure.reached();
             EXPECT_EQ(pool.has_value(), !reached) << k;
             EXPECT_EQ(threadsOfTheProcess(), threads + (reached ? 0 : 1)) << k;
-            if (pool)
-                break; // closing takes memory for the thread's last exception
-        } while (reached);
-        EXPECT_GT(k, 5U);
+            if (!reached) {
+                EXPECT_EQ(freeRecords(*pool), 3U);
+                break;
+            }
+        }
+        EXPECT_GT(failures, broken) << "the block, the locale, a share of each sub-heap, the pointers, the packet";
     }
-    TimeCollectorPool pool(out, 0, subHeapSize, 3);
-    EXPECT_EQ(freeRecords(pool), 3U);
 }
 
 using TimeCollectorPoolPrint = TimeCollectorPoolTest;
@@ -329,8 +337,9 @@ TEST_F(TimeCollectorPoolPrint, TheDumpThreadHasItsStackAndEndsByReturningNull)
     pool.dump(pool.get(0));
     pool.close();
     EXPECT_GE(stackBytes, 2048U * 1024);
-    if (!support::sanitized)
+    if (!support::sanitized) {
         EXPECT_LT(stackBytes, 2048U * 1024 + 65536);
+    }
     EXPECT_EQ(TimeCollectorPool::threadFunc(&pool), nullptr);
 }
 
