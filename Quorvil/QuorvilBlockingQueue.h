@@ -1,0 +1,256 @@
+// QuorvilBlockingQueue.h: a bounded queue whose consumer sleeps while it is empty and whose producer never sleeps
+// Memory and queues, on Foundation
+
+#ifndef QUORVIL_QUORVILBLOCKINGQUEUE_H
+#define QUORVIL_QUORVILBLOCKINGQUEUE_H
+
+#include "Quorvil/QuorvilAssert.h"
+#include "Quorvil/QuorvilExport.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+namespace quorvil {
+
+/// `pop` has found the queue empty, and closed. Its text is "BlockingQueue closed".
+class QUORVIL_API BlockingQueueClosedException : public std::underflow_error
+{
+public:
+    BlockingQueueClosedException();
+    BlockingQueueClosedException(const BlockingQueueClosedException&) = default;
+    BlockingQueueClosedException& operator=(const BlockingQueueClosedException&) = default;
+    ~BlockingQueueClosedException() override;
+};
+
+/// `pop` has found the queue cancelled. Its text is "BlockingQueue canceled".
+class QUORVIL_API BlockingQueueCanceledException : public std::underflow_error
+{
+public:
+    BlockingQueueCanceledException();
+    BlockingQueueCanceledException(const BlockingQueueCanceledException&) = default;
+    BlockingQueueCanceledException& operator=(const BlockingQueueCanceledException&) = default;
+    ~BlockingQueueCanceledException() override;
+};
+
+/// For callers' queues that refuse by an exception; the library throws it nowhere. Its text is
+/// "FencedQueueOverflowException".
+class QUORVIL_API FencedQueueOverflowException : public std::runtime_error
+{
+public:
+    FencedQueueOverflowException();
+    FencedQueueOverflowException(const FencedQueueOverflowException&) = default;
+    FencedQueueOverflowException& operator=(const FencedQueueOverflowException&) = default;
+    ~FencedQueueOverflowException() override;
+};
+
+/// A ring of move-only values between producers that must not wait, a real-time thread among them, and a consumer that
+/// may. It takes memory once, at construction, from `Alloc`.
+///
+/// | State                    | Values | `push`                 | `pop`                                     |
+/// |--------------------------|--------|------------------------|-------------------------------------------|
+/// | open                     | some   | takes, or full: false  | returns the oldest                        |
+/// | open                     | none   | takes, or full: false  | waits                                     |
+/// | closed                   | some   | takes, or full: false  | returns the oldest                        |
+/// | closed                   | none   | takes, or full: false  | throws `BlockingQueueClosedException`     |
+/// | cancelled, closed or not | either | takes, or full: false  | throws `BlockingQueueCanceledException`   |
+///
+/// It serves one consumer, or several that loop: only a push onto an empty queue wakes a consumer, and only one, which
+/// has to drain the queue before it does anything that must not hold the values up. `close` and `cancel` wake all.
+///
+/// What was written before `push` is seen after the `pop` that returns the value. The queue may be destroyed when no
+/// thread is inside `push` or `pop` any more: a producer still touches it after the consumer has got the value.
+///
+/// @tparam T      movable, and its default value counts as empty, such as `std::unique_ptr`
+/// @tparam Alloc  an allocator of `T` that deals in plain pointers, such as `FastAllocator<T>`
+template <class T, class Alloc>
+class BlockingQueue
+{
+    using AllocTraits = std::allocator_traits<Alloc>;
+    static_assert(std::is_same_v<typename AllocTraits::pointer, T*>, "the ring is walked by plain pointers to T");
+
+public:
+    /// Takes `capacity` + 1 slots from `alloc` and makes them empty.
+    ///
+    /// @param capacity  the number of values that it can hold; 0 refuses each
+    /// @throws std::bad_array_new_length  the slots cannot be counted, and whatever `alloc` and `T` throw
+    /// @threads any   @realtime allocates
+    BlockingQueue(size_t capacity, const Alloc& alloc);
+
+    /// Destroys every slot, those with values first, from the oldest to the newest, and gives the ring back.
+    ~BlockingQueue();
+
+    BlockingQueue(const BlockingQueue&) = delete;
+    BlockingQueue& operator=(const BlockingQueue&) = delete;
+
+    /// Moves `value` into the queue and wakes the consumer if the queue was empty. Never waits for room, and does not
+    /// care whether the queue was closed or cancelled.
+    ///
+    /// @return false when the queue is full: `value` is untouched, and still the caller's
+    /// @throws std::system_error  the mutex cannot be locked
+    /// @threads any   @realtime bounded
+    bool push(T&& value);
+
+    /// Takes the oldest value, and waits for one while there is none.
+    ///
+    /// @throws BlockingQueueClosedException    it is closed, and all values have been taken
+    /// @throws BlockingQueueCanceledException  it is cancelled; values may still be in it
+    /// @throws std::system_error               the mutex cannot be locked
+    /// @threads any   @realtime waits
+    T pop();
+
+    /// Lets `pop` return what is in the queue and throw when nothing is. Any number of times; there is no way back.
+    ///
+    /// @throws std::system_error  the mutex cannot be locked
+    /// @threads any   @realtime bounded
+    void close();
+
+    /// Lets `pop` throw from now on and leaves the values to the destructor. Any number of times; there is no way back.
+    ///
+    /// @throws std::system_error  the mutex cannot be locked
+    /// @threads any   @realtime bounded
+    void cancel();
+
+    /// The slot that follows `p` in the ring.
+    ///
+    /// @requires `p >= array && p <= array + capacity`: `p` is one of the slots
+    /// @threads any   @realtime bounded
+    T* next(T* p) const;
+
+private:
+    void makeSlots();
+    void set(bool& flag);
+
+    Alloc alloc;
+    const size_t capacity;
+    /// One slot more than there can be values, so that a full ring differs from an empty one.
+    T* array;
+    T* writePos;
+    T* readPos;
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool canceled = false;
+    bool closed = false;
+};
+
+template <class T, class Alloc>
+BlockingQueue<T, Alloc>::BlockingQueue(size_t capacity_, const Alloc& alloc_)
+    : alloc(alloc_)
+    , capacity(capacity_)
+{
+    if (capacity == SIZE_MAX)
+        throw std::bad_array_new_length();
+    array = AllocTraits::allocate(alloc, capacity + 1);
+    writePos = array;
+    readPos = array;
+    makeSlots();
+}
+
+template <class T, class Alloc>
+void BlockingQueue<T, Alloc>::makeSlots()
+{
+    T* made = array;
+    try {
+        for (; made != array + capacity + 1; ++made)
+            AllocTraits::construct(alloc, made);
+    } catch (...) {
+        while (made != array)
+            AllocTraits::destroy(alloc, --made);
+        AllocTraits::deallocate(alloc, array, capacity + 1);
+        throw;
+    }
+}
+
+template <class T, class Alloc>
+BlockingQueue<T, Alloc>::~BlockingQueue()
+{
+    T* const firstEmpty = writePos;
+    T* slot = readPos;
+    for (; slot != firstEmpty; slot = next(slot))
+        AllocTraits::destroy(alloc, slot);
+    do {
+        AllocTraits::destroy(alloc, slot);
+        slot = next(slot);
+    } while (slot != readPos);
+    AllocTraits::deallocate(alloc, array, capacity + 1);
+}
+
+template <class T, class Alloc>
+bool BlockingQueue<T, Alloc>::push(T&& value)
+{
+    bool wasEmpty;
+    {
+        const std::lock_guard lock(mutex);
+        T* const slot = writePos;
+        T* const following = next(slot);
+        if (following == readPos)
+            return false;
+        *slot = std::move(value);
+        writePos = following;
+        wasEmpty = slot == readPos;
+    }
+    if (wasEmpty)
+        cond.notify_one();
+    return true;
+}
+
+template <class T, class Alloc>
+T BlockingQueue<T, Alloc>::pop()
+{
+    std::unique_lock lock(mutex);
+    if (canceled)
+        throw BlockingQueueCanceledException();
+    while (readPos == writePos) {
+        if (closed)
+            throw BlockingQueueClosedException();
+        cond.wait(lock);
+        if (canceled)
+            throw BlockingQueueCanceledException();
+    }
+    T* const slot = readPos;
+    T value(std::move(*slot));
+    readPos = next(slot);
+    return value;
+}
+
+template <class T, class Alloc>
+void BlockingQueue<T, Alloc>::close()
+{
+    set(closed);
+}
+
+template <class T, class Alloc>
+void BlockingQueue<T, Alloc>::cancel()
+{
+    set(canceled);
+}
+
+template <class T, class Alloc>
+void BlockingQueue<T, Alloc>::set(bool& flag)
+{
+    const std::lock_guard lock(mutex);
+    flag = true;
+    // Under the lock: a consumer that finds the flag may go on to destroy the queue.
+    cond.notify_all();
+}
+
+template <class T, class Alloc>
+T* BlockingQueue<T, Alloc>::next(T* p) const
+{
+    intern::require(p >= array && p <= array + capacity, "p >= array && p <= array + capacity",
+                    "Quorvil/QuorvilBlockingQueue", __LINE__, __PRETTY_FUNCTION__);
+    T* const following = p == array + capacity ? array : p + 1;
+    intern::require(following >= array && following <= array + capacity, "p >= array && p <= array + capacity",
+                    "Quorvil/QuorvilBlockingQueue", __LINE__, __PRETTY_FUNCTION__);
+    return following;
+}
+
+} // namespace quorvil
+
+#endif
