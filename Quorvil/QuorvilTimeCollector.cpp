@@ -97,17 +97,6 @@ void TimeCollector::reset(int atLeastCapacity)
                     "(int) entries.capacity() >= atLeastCapacity", source, __LINE__, context);
 }
 
-void TimeCollector::add(std::string_view name)
-{
-    add(name, std::chrono::system_clock::now());
-}
-
-void TimeCollector::add(std::string_view name, std::chrono::system_clock::time_point at)
-{
-    entries.emplace_back(std::piecewise_construct, std::forward_as_tuple(name, nameAllocator),
-                         std::forward_as_tuple(at));
-}
-
 std::unique_ptr<TimeCollector::MyString, StringDeleter> TimeCollector::string(const char* s)
 {
     return s != nullptr ? string2(s) : string2();

@@ -21,6 +21,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -339,6 +340,17 @@ private:
     std::mutex closing;         // held by the one who joins the dump thread
     std::atomic<bool> printing; // the dump thread is there
 };
+
+inline void TimeCollector::add(std::string_view name)
+{
+    add(name, std::chrono::system_clock::now());
+}
+
+inline void TimeCollector::add(std::string_view name, std::chrono::system_clock::time_point at)
+{
+    entries.emplace_back(std::piecewise_construct, std::forward_as_tuple(name, nameAllocator),
+                         std::forward_as_tuple(at));
+}
 
 template <class... Args>
 std::unique_ptr<TimeCollector::MyString, StringDeleter> TimeCollector::string2(Args&&... args)

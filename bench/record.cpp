@@ -43,7 +43,7 @@ BENCHMARK_CAPTURE(add, , longName)->Name("record/long-name/add");
 BENCHMARK_CAPTURE(clockAlone, , longName)->Name("record/long-name/clock");
 
 #ifdef QUORVIL_PEER_LTTNG
-void tracepoint(benchmark::State& state, const char* name)
+void activeTracepoint(benchmark::State& state, const char* name)
 {
     static const bench::LttngSession session;
     if (!session.isActive()) {
@@ -54,8 +54,8 @@ void tracepoint(benchmark::State& state, const char* name)
         bench::lttngTrace(name);
 }
 
-BENCHMARK_CAPTURE(tracepoint, , shortName)->Name("record/short-name/lttng");
-BENCHMARK_CAPTURE(tracepoint, , longName)->Name("record/long-name/lttng");
+BENCHMARK_CAPTURE(activeTracepoint, , shortName)->Name("record/short-name/lttng");
+BENCHMARK_CAPTURE(activeTracepoint, , longName)->Name("record/long-name/lttng");
 #endif
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <climits>
 #include <cstdint>
@@ -16,7 +17,6 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
-#include <latch>
 #include <limits>
 #include <memory>
 #include <new>
@@ -129,10 +129,10 @@ size_t threadsOfTheProcess()
     return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
-/// A joined thread is gone for its joiner a moment before it is for the system.
+/// A joined thread is gone for its joiner a moment before it is for the system. An emulator has threads of its own.
 void awaitThreadsOfTheProcess(size_t count)
 {
-    while (threadsOfTheProcess() != count)
+    while (!support::emulated && threadsOfTheProcess() != count)
         std::this_thread::yield();
 }
 
@@ -437,29 +437,36 @@ TEST_F(TimeCollectorPoolEnd, CloseFromWithinTheStreamIsRefusedAndAnotherCloseSti
 TEST_F(TimeCollectorPoolEnd, ARecordPassedToDumpDuringACloseIsPrintedOrGoesBack)
 {
     constexpr size_t producers = 3;
+    constexpr size_t closers = 2;
     const int rounds = support::sanitized || support::emulated ? 100 : 1000;
+    std::optional<TimeCollectorPool> pool;
+    std::barrier<> step(producers + closers + 1);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < producers + closers; ++i) {
+        threads.emplace_back([&, i] {
+            for (int round = 0; round < rounds; ++round) {
+                step.arrive_and_wait();
+                if (i < producers)
+                    pool->dump(filled(*pool, "x"));
+                else
+                    pool->close();
+                step.arrive_and_wait();
+            }
+        });
+    }
+    size_t linesPrinted = 0;
     for (int round = 0; round < rounds; ++round) {
         paper.str("");
-        TimeCollectorPool pool(out, 0, 256, producers);
-        std::latch start(producers + 2);
-        std::vector<std::thread> threads;
-        for (size_t i = 0; i < producers; ++i) {
-            threads.emplace_back([&] {
-                start.arrive_and_wait();
-                pool.dump(filled(pool, "x"));
-            });
-        }
-        for (int i = 0; i < 2; ++i) {
-            threads.emplace_back([&] {
-                start.arrive_and_wait();
-                pool.close();
-            });
-        }
-        for (std::thread& thread : threads)
-            thread.join();
-        ASSERT_EQ(freeRecords(pool), producers) << "none lies in the ring of a closed pool";
-        ASSERT_EQ(paper.str().size() % printed("x").size(), 0U);
+        pool.emplace(out, 0, 256U, producers);
+        step.arrive_and_wait();
+        step.arrive_and_wait();
+        EXPECT_EQ(freeRecords(*pool), producers) << "none lies in the ring of a closed pool";
+        EXPECT_EQ(paper.str().size() % printed("x").size(), 0U);
+        linesPrinted += paper.str().size() / printed("x").size();
     }
+    for (std::thread& thread : threads)
+        thread.join();
+    RecordProperty("printed", static_cast<int>(linesPrinted));
 }
 
 TEST_F(TimeCollectorPoolPrint, ManyProducersExhaustAndRefillThePoolAndEveryRecordComesOutWhole)
@@ -491,24 +498,21 @@ TEST_F(TimeCollectorPoolPrint, ManyProducersExhaustAndRefillThePoolAndEveryRecor
         int records = 0;
     } check;
     std::ostream checked(&check);
-    std::atomic<int> dumps{0};
     std::atomic<int> refused{0};
     {
         TimeCollectorPool pool(checked, 0, 256, 3);
         std::vector<std::thread> threads;
         for (int producer = 0; producer < producers; ++producer) {
-            threads.emplace_back([&, producer, name = std::to_string(producer)] {
+            threads.emplace_back([&, name = std::to_string(producer)] {
                 for (int number = 1; number <= operations; ++number) {
-                    Handle record = pool.tryGet(2);
-                    if (!record) {
+                    Handle record;
+                    while (!(record = pool.tryGet(2))) {
                         ++refused;
-                        continue;
+                        std::this_thread::yield();
                     }
                     record->add(name, system_clock::time_point(std::chrono::nanoseconds(number)));
-                    if (number % 8 == 0) {
+                    if (number % 8 == 0)
                         pool.dump(std::move(record));
-                        ++dumps;
-                    }
                 }
             });
         }
@@ -518,8 +522,7 @@ TEST_F(TimeCollectorPoolPrint, ManyProducersExhaustAndRefillThePoolAndEveryRecor
         EXPECT_EQ(freeRecords(pool), 3U);
     }
     EXPECT_EQ(check.mixed, 0);
-    EXPECT_EQ(check.records, dumps);
-    EXPECT_GT(dumps, 0);
+    EXPECT_EQ(check.records, producers * (operations / 8));
     RecordProperty("refused", refused);
 }
 

@@ -53,8 +53,11 @@ public:
         if (created)
             run("lttng destroy " + name);
         pid_t daemon = 0;
-        if (std::ifstream(pidFile()) >> daemon)
-            kill(daemon, SIGTERM);
+        if (std::ifstream(pidFile()) >> daemon && kill(daemon, SIGTERM) == 0) {
+            // It deletes its file at its end.
+            for (int i = 0; i < 1000 && std::filesystem::exists(pidFile()); ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
         std::error_code ignored;
         std::filesystem::remove_all(folder, ignored);
     }
@@ -96,6 +99,8 @@ private:
         if (!run("lttng snapshot record --session=" + name))
             return false;
         for (const auto& file : std::filesystem::recursive_directory_iterator(folder + "/trace")) {
+            if (!file.is_regular_file())
+                continue;
             std::ifstream stream(file.path(), std::ios::binary);
             const std::string content{std::istreambuf_iterator<char>(stream), {}};
             if (content.find(text) != std::string::npos)
