@@ -121,10 +121,36 @@ public:
     ///
     /// @requires `p >= array && p <= array + capacity`: `p` is one of the slots
     /// @threads any   @realtime bounded
-    T* next(T* p) const;
+    [[gnu::always_inline]] T* next(T* p) const;
 
 private:
+    /// A consumer in `awaitValue`. It borrows the lock that `pop` holds and leaves it held, whatever ends the wait.
+    struct Waiter
+    {
+        explicit Waiter(BlockingQueue& queue)
+            : lock(queue.mutex, std::adopt_lock)
+            , waiting(queue.waiting)
+        {
+            ++waiting;
+        }
+
+        ~Waiter()
+        {
+            --waiting;
+            lock.release();
+        }
+
+        Waiter(const Waiter&) = delete;
+        Waiter& operator=(const Waiter&) = delete;
+
+        std::unique_lock<std::mutex> lock;
+        int& waiting;
+    };
+
     void makeSlots();
+    bool isSlot(T* p) const;
+    /// What `pop` does when it may have to wait or to throw, kept out of its short way.
+    [[gnu::noinline]] void awaitValue();
     void set(bool& flag);
 
     Alloc alloc;
@@ -137,6 +163,8 @@ private:
     std::condition_variable cond;
     bool canceled = false;
     bool closed = false;
+    /// Consumers that wait: without one the wake-up is left out.
+    int waiting = 0;
 };
 
 template <class T, class Alloc>
@@ -184,39 +212,47 @@ BlockingQueue<T, Alloc>::~BlockingQueue()
 template <class T, class Alloc>
 bool BlockingQueue<T, Alloc>::push(T&& value)
 {
-    bool wasEmpty;
+    bool wake;
     {
         const std::lock_guard lock(mutex);
         T* const slot = writePos;
         T* const following = next(slot);
-        if (following == readPos)
+        if (following == readPos) [[unlikely]]
             return false;
         *slot = std::move(value);
         writePos = following;
-        wasEmpty = slot == readPos;
+        wake = slot == readPos && waiting != 0;
     }
-    if (wasEmpty)
+    if (wake)
         cond.notify_one();
     return true;
 }
 
 template <class T, class Alloc>
-T BlockingQueue<T, Alloc>::pop()
+inline T BlockingQueue<T, Alloc>::pop()
 {
-    std::unique_lock lock(mutex);
+    const std::lock_guard lock(mutex);
+    if (canceled || readPos == writePos) [[unlikely]]
+        awaitValue();
+    T* const slot = readPos;
+    T value(std::move(*slot));
+    readPos = next(slot);
+    return value;
+}
+
+template <class T, class Alloc>
+void BlockingQueue<T, Alloc>::awaitValue()
+{
+    Waiter waiter(*this);
     if (canceled)
         throw BlockingQueueCanceledException();
     while (readPos == writePos) {
         if (closed)
             throw BlockingQueueClosedException();
-        cond.wait(lock);
+        cond.wait(waiter.lock);
         if (canceled)
             throw BlockingQueueCanceledException();
     }
-    T* const slot = readPos;
-    T value(std::move(*slot));
-    readPos = next(slot);
-    return value;
 }
 
 template <class T, class Alloc>
@@ -241,14 +277,21 @@ void BlockingQueue<T, Alloc>::set(bool& flag)
 }
 
 template <class T, class Alloc>
-T* BlockingQueue<T, Alloc>::next(T* p) const
+inline T* BlockingQueue<T, Alloc>::next(T* p) const
 {
-    intern::require(p >= array && p <= array + capacity, "p >= array && p <= array + capacity",
-                    "Quorvil/QuorvilBlockingQueue", __LINE__, __PRETTY_FUNCTION__);
+    intern::require(isSlot(p), "p >= array && p <= array + capacity", "Quorvil/QuorvilBlockingQueue", __LINE__,
+                    __PRETTY_FUNCTION__);
     T* const following = p == array + capacity ? array : p + 1;
-    intern::require(following >= array && following <= array + capacity, "p >= array && p <= array + capacity",
-                    "Quorvil/QuorvilBlockingQueue", __LINE__, __PRETTY_FUNCTION__);
+    intern::require(isSlot(following), "p >= array && p <= array + capacity", "Quorvil/QuorvilBlockingQueue", __LINE__,
+                    __PRETTY_FUNCTION__);
     return following;
+}
+
+template <class T, class Alloc>
+inline bool BlockingQueue<T, Alloc>::isSlot(T* p) const
+{
+    // Both comparisons in one: what lies below the ring is very far above it.
+    return reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(array) <= capacity * sizeof(T);
 }
 
 } // namespace quorvil

@@ -96,7 +96,7 @@ NonlockingPool<T>::~NonlockingPool()
 }
 
 template <class T>
-T** NonlockingPool<T>::take(const char* function)
+inline T** NonlockingPool<T>::take(const char* function)
 {
     T** const newNext = next;
     intern::require(newNext - available <= size, "newNext - available <= size", "Quorvil/QuorvilNonlockingPool",
@@ -108,7 +108,7 @@ T** NonlockingPool<T>::take(const char* function)
 }
 
 template <class T>
-T* NonlockingPool<T>::get()
+inline T* NonlockingPool<T>::get()
 {
     {
         const std::lock_guard lock(mutex);
@@ -119,7 +119,7 @@ T* NonlockingPool<T>::get()
 }
 
 template <class T>
-T* NonlockingPool<T>::tryGet()
+inline T* NonlockingPool<T>::tryGet()
 {
     const std::lock_guard lock(mutex);
     T** const place = take(__PRETTY_FUNCTION__);
@@ -127,7 +127,7 @@ T* NonlockingPool<T>::tryGet()
 }
 
 template <class T>
-void NonlockingPool<T>::put(T* object)
+inline void NonlockingPool<T>::put(T* object)
 {
     {
         const std::lock_guard lock(mutex);
