@@ -1,9 +1,8 @@
 // Bitmaps: `insert` of the library and in its portable form, beside the pixel model.
 
+#include "fuzz/input.h"
 #include "tests/support/bitmapModel.h"
 #include "tests/support/portableBitmaps.h"
-
-#include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,15 +13,15 @@ namespace {
 /// Memory of an image to its last byte and no further, so that the address sanitizer sees every byte beside it.
 struct Memory
 {
-    Memory(FuzzedDataProvider& data, int w, int h)
+    Memory(fuzz::Input& data, int w, int h)
         : width(w)
         , height(h)
-        , bytesPerRow((w + 7) / 8 + data.ConsumeIntegralInRange(0, 3))
+        , bytesPerRow((w + 7) / 8 + data.inRange(0, 3))
         , size(static_cast<size_t>((h - 1) * bytesPerRow + (w + 7) / 8))
         , bytes(new uint8_t[size])
     {
         // A generator from a few bytes of input: the fuzzer spends its bytes on the rectangle.
-        auto state = data.ConsumeIntegral<uint32_t>();
+        auto state = data.any<uint32_t>();
         std::generate_n(bytes.get(), size,
                         [&] { return static_cast<uint8_t>((state = state * 1664525 + 1013904223) >> 24); });
     }
@@ -51,9 +50,9 @@ struct Memory
 };
 
 /// Any number, more often one that has to do with the size.
-int number(FuzzedDataProvider& data, int size)
+int number(fuzz::Input& data, int size)
 {
-    return data.ConsumeBool() ? data.ConsumeIntegralInRange(-size - 1, 2 * size + 1) : data.ConsumeIntegral<int>();
+    return data.flag() ? data.inRange(-size - 1, 2 * size + 1) : data.any<int>();
 }
 
 struct Rectangle
@@ -61,7 +60,7 @@ struct Rectangle
     int x, y, w, h;
 };
 
-Rectangle rectangle(FuzzedDataProvider& data, int width, int height)
+Rectangle rectangle(fuzz::Input& data, int width, int height)
 {
     const int x = number(data, width);
     const int y = number(data, height);
@@ -81,16 +80,15 @@ void compare(const Memory& source, Memory target, const Rectangle* clip, const R
 }
 
 /// Two images; where `exact`, each of one row that holds the span and nothing else.
-void insertBetweenImages(FuzzedDataProvider& data, bool exact)
+void insertBetweenImages(fuzz::Input& data, bool exact)
 {
-    const int count = data.ConsumeIntegralInRange(1, 900);
-    const int srcX = data.ConsumeIntegralInRange(0, 7);
-    int toX = data.ConsumeIntegralInRange(0, 7);
+    const int count = data.inRange(1, 900);
+    const int srcX = data.inRange(0, 7);
+    int toX = data.inRange(0, 7);
     int toY = 0;
     Rectangle from{srcX, 0, count, 1};
-    const Memory source(data, srcX + count, exact ? 1 : data.ConsumeIntegralInRange(1, 5));
-    const Memory target(data, exact ? toX + count : data.ConsumeIntegralInRange(1, 900),
-                        exact ? 1 : data.ConsumeIntegralInRange(1, 5));
+    const Memory source(data, srcX + count, exact ? 1 : data.inRange(1, 5));
+    const Memory target(data, exact ? toX + count : data.inRange(1, 900), exact ? 1 : data.inRange(1, 5));
     const Memory expected(target);
     model::Image image{expected.bytes.get(), expected.width, expected.height, expected.bytesPerRow};
     Rectangle clip{};
@@ -110,18 +108,18 @@ void insertBetweenImages(FuzzedDataProvider& data, bool exact)
     compare<portable::Bitmap>(source, target, clipped ? &clip : nullptr, from, toX, toY, expected);
 }
 
-/// Two views of one memory.
+/// Two views of one memory. It takes the input by value: both kinds get the same numbers.
 template <typename Kind>
-void insertInSharedMemory(FuzzedDataProvider data)
+void insertInSharedMemory(fuzz::Input data)
 {
-    const int rows = data.ConsumeIntegralInRange(1, 5);
-    const int srcBytesPerRow = data.ConsumeIntegralInRange(1, 90);
-    const int bytesPerRow = data.ConsumeBool() ? srcBytesPerRow : data.ConsumeIntegralInRange(1, 90);
-    const int srcX = data.ConsumeIntegralInRange(0, 7);
-    const int dstX = data.ConsumeIntegralInRange(0, 7);
-    const int count = data.ConsumeIntegralInRange(1, std::min(srcBytesPerRow * 8 - srcX, bytesPerRow * 8 - dstX));
-    const int srcStart = data.ConsumeIntegralInRange(0, 200);
-    const int dstStart = data.ConsumeIntegralInRange(0, 200);
+    const int rows = data.inRange(1, 5);
+    const int srcBytesPerRow = data.inRange(1, 90);
+    const int bytesPerRow = data.flag() ? srcBytesPerRow : data.inRange(1, 90);
+    const int srcX = data.inRange(0, 7);
+    const int dstX = data.inRange(0, 7);
+    const int count = data.inRange(1, std::min(srcBytesPerRow * 8 - srcX, bytesPerRow * 8 - dstX));
+    const int srcStart = data.inRange(0, 200);
+    const int dstStart = data.inRange(0, 200);
     const Memory memory(data, 8 * std::max(srcStart + rows * srcBytesPerRow, dstStart + rows * bytesPerRow), 1);
     const Memory expected(memory);
     model::Image{expected.bytes.get() + dstStart, bytesPerRow * 8, rows, bytesPerRow}.insertInOrder(
@@ -137,12 +135,11 @@ void insertInSharedMemory(FuzzedDataProvider data)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size)
 {
-    FuzzedDataProvider data(input, size);
-    const int kind = data.ConsumeIntegralInRange(0, 2);
+    fuzz::Input data(input, size);
+    const int kind = data.inRange(0, 2);
     if (kind == 2) {
-        const auto rest = data.ConsumeRemainingBytes<uint8_t>();
-        insertInSharedMemory<bmp::Bitmap>(FuzzedDataProvider(rest.data(), rest.size()));
-        insertInSharedMemory<portable::Bitmap>(FuzzedDataProvider(rest.data(), rest.size()));
+        insertInSharedMemory<bmp::Bitmap>(data);
+        insertInSharedMemory<portable::Bitmap>(data);
     } else {
         insertBetweenImages(data, kind == 1);
     }

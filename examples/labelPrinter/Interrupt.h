@@ -1,0 +1,18 @@
+// Interrupt.h: a job that is broken off from outside ends in good order
+
+#ifndef LABELPRINTER_INTERRUPT_H
+#define LABELPRINTER_INTERRUPT_H
+
+namespace labelPrinter {
+
+/// From now on SIGINT, SIGTERM and SIGHUP are noted instead of ending the process, a reader of our output that goes
+/// away (SIGPIPE) and a file that grows too large (SIGXFSZ) show as failed writes. The same signal a second time ends
+/// the process at once. Call it once, first.
+void watchInterrupts();
+
+/// Throws a `Failure` when one of the noted signals has come, so that everything half done is taken back.
+void stopIfInterrupted();
+
+} // namespace labelPrinter
+
+#endif

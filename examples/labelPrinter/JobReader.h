@@ -1,0 +1,65 @@
+// JobReader.h: turns a job file into a job
+
+#ifndef LABELPRINTER_JOBREADER_H
+#define LABELPRINTER_JOBREADER_H
+
+#include "Job.h"
+#include "JobLine.h"
+
+#include <cstddef>
+#include <string>
+
+namespace labelPrinter {
+
+/// Reads the text form of a job: the first word of a line tells what to do. README.md describes it.
+class JobReader
+{
+public:
+    /// @param path  of the job file; the pictures' paths are looked up from its folder
+    explicit JobReader(std::string path);
+
+    /// Reads the job and its pictures. One call a reader.
+    ///
+    /// @throws Failure  with file and line: a file cannot be read, a line cannot be understood, a number is out of
+    ///                  range
+    Job read();
+
+private:
+    /// One of the words that a line begins with, and how many words may follow it.
+    struct Word
+    {
+        const char* name;
+        const char* usage;
+        size_t fewest, most;
+        bool repeatable;
+        void (JobReader::*read)(JobLine&);
+    };
+    static const Word wordTable[];
+
+    void readWord(JobLine& line, bool repeated);
+    void readPage(JobLine& line);
+    void readDotsPerInch(JobLine& line);
+    void readPages(JobLine& line);
+    void readRepeat(JobLine& line);
+    void readClip(JobLine& line);
+    void readUnclip(JobLine& line);
+    void readFill(JobLine& line);
+    void readInvert(JobLine& line);
+    void readPicture(JobLine& line);
+    void readSerial(JobLine& line);
+    void readSerialPairs(JobLine& line);
+
+    void addSerial(JobLine& line, int digitsPerCell);
+    void add(const JobLine& line, decltype(Statement::drawing) drawing);
+    void checkSerials() const;
+    Image* image(JobLine& line);
+
+    std::string jobPath;
+    Job job;
+    Repeat repeat;
+    size_t imageBytes = 0;
+};
+
+} // namespace labelPrinter
+
+#endif

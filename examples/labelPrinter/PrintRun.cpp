@@ -1,0 +1,108 @@
+#include "PrintRun.h"
+
+#include "Composer.h"
+#include "JobReader.h"
+#include "PbmFile.h"
+#include "PngFile.h"
+#include "Progress.h"
+#include "ResultFiles.h"
+#include "RunLengthFile.h"
+
+#include "Quorvil/ThreadSafeStream.h"
+
+#include <cstdio>
+#include <iostream>
+
+namespace labelPrinter {
+
+namespace {
+
+std::string resultName(const std::string& out, int page, int pages)
+{
+    if (pages == 1)
+        return out;
+    char number[16];
+    std::snprintf(number, sizeof number, "-%04d", page);
+    return out + number;
+}
+
+/// The library's own text form stops at milliseconds, in which a page is often composed more than once.
+std::string inMilliseconds(const util::TimeSpec& time)
+{
+    const timespec* value = time.to_c();
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f ms",
+                  static_cast<double>(value->tv_sec) * 1e3 + static_cast<double>(value->tv_nsec) / 1e6);
+    return text;
+}
+
+void writePbmResult(const Image& image, const std::string& name, ResultFiles& results)
+{
+    ResultFile file = results.create(name + ".pbm");
+    file.write(pbmHeader(image));
+    file.write(image.bytes().data(), image.bytes().size());
+    file.finish();
+}
+
+void writePngResult(const Image& image, int dotsPerInch, const std::string& name, ResultFiles& results)
+{
+    ResultFile file = results.create(name + ".png");
+    writePng(image, dotsPerInch, file);
+    file.finish();
+}
+
+void writeRunLengthResult(const Image& image, int dotsPerInch, const std::string& name, ResultFiles& results)
+{
+    ResultFile file = results.create(name + ".qrl");
+    writeRunLengths(image, dotsPerInch, file);
+    file.finish();
+}
+
+} // namespace
+
+void print(const std::string& jobPath, const std::string& out)
+{
+    Job job = JobReader(jobPath).read();
+    ResultFiles results;
+    results.protect(jobPath);
+    for (const auto& [path, image] : job.images)
+        results.protect(path);
+
+    Composer composer(job);
+    Progress progress(job.pages);
+    for (int page = 1; page <= job.pages; ++page) {
+        progress.beginComposing();
+        const Image& image = composer.compose(page);
+        progress.endComposing();
+        const std::string name = resultName(out, page, job.pages);
+        writePbmResult(image, name, results);
+        writePngResult(image, job.dotsPerInch, name, results);
+        writeRunLengthResult(image, job.dotsPerInch, name, results);
+        progress.pageDone(page);
+    }
+    results.keep();
+
+    const std::string last = job.pages == 1 ? "" : " to " + resultName(out, job.pages, job.pages);
+    safeCout << resultName(out, 1, job.pages) << last << " (.pbm .png .qrl): " << job.pages
+             << (job.pages == 1 ? " page of " : " pages of ") << job.width << " x " << job.height
+             << " pixels, composed in " << inMilliseconds(progress.composing()) << ", all done in "
+             << progress.sinceBegin().toShortString() << " s" << std::endl;
+}
+
+void show(const std::string& path, const std::string& out)
+{
+    const Page page = readRunLengths(path);
+    if (out.empty()) {
+        std::cout << pbmHeader(page.image);
+        std::cout.write(reinterpret_cast<const char*>(page.image.bytes().data()),
+                        static_cast<std::streamsize>(page.image.bytes().size()));
+        return;
+    }
+    ResultFiles results;
+    results.protect(path);
+    writePbmResult(page.image, out, results);
+    writePngResult(page.image, page.dotsPerInch, out, results);
+    results.keep();
+}
+
+} // namespace labelPrinter

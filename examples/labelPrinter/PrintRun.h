@@ -1,0 +1,25 @@
+// PrintRun.h: the two things that the program does, from the file to the results
+
+#ifndef LABELPRINTER_PRINTRUN_H
+#define LABELPRINTER_PRINTRUN_H
+
+#include <string>
+
+namespace labelPrinter {
+
+/// Composes the job's pages and writes each as NAME.pbm, NAME.png and NAME.qrl, where NAME is `out`, or `out` with
+/// the page's number behind it when there are several. It tells on the standard output how far it is, once a second,
+/// and how long it took.
+///
+/// @throws Failure  anything went wrong; the folder of `out` is then as it was
+void print(const std::string& jobPath, const std::string& out);
+
+/// Turns a run-length file back into a picture.
+///
+/// @param out  name of the results `out`.pbm and `out`.png; when it is empty, PBM goes to the standard output
+/// @throws Failure  anything went wrong; nothing was written
+void show(const std::string& path, const std::string& out);
+
+} // namespace labelPrinter
+
+#endif

@@ -1,0 +1,69 @@
+#include "Progress.h"
+
+#include "Quorvil/ThreadSafeStream.h"
+
+#include <ctime>
+#include <ostream>
+
+namespace labelPrinter {
+
+namespace {
+
+util::TimeSpec now()
+{
+    util::TimeSpec time;
+    time.initNow(CLOCK_MONOTONIC);
+    return time;
+}
+
+util::TimeSpec oneSecond()
+{
+    util::TimeSpec time;
+    time.init(1, 0);
+    return time;
+}
+
+} // namespace
+
+Progress::Progress(int thePages)
+    : pages(thePages)
+    , begin(now())
+    , nextLine(begin)
+{
+    nextLine += oneSecond();
+}
+
+void Progress::beginComposing()
+{
+    composingSince = now();
+}
+
+void Progress::endComposing()
+{
+    composingTime += now();
+    composingTime -= composingSince;
+}
+
+void Progress::pageDone(int page)
+{
+    const util::TimeSpec time = now();
+    if (time < nextLine)
+        return;
+    nextLine = time;
+    nextLine += oneSecond();
+    safeCout << "page " << page << " of " << pages << " after " << sinceBegin().toShortString() << " s" << std::endl;
+}
+
+const util::TimeSpec& Progress::composing() const
+{
+    return composingTime;
+}
+
+util::TimeSpec Progress::sinceBegin() const
+{
+    util::TimeSpec time = now();
+    time -= begin;
+    return time;
+}
+
+} // namespace labelPrinter

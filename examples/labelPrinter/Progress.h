@@ -1,0 +1,37 @@
+// Progress.h: how far a job is and how long it took
+
+#ifndef LABELPRINTER_PROGRESS_H
+#define LABELPRINTER_PROGRESS_H
+
+#include "Quorvil/TimeSpec.h"
+
+namespace labelPrinter {
+
+/// Measures a job from its construction on, and tells on the standard output how far the job is: nothing in the
+/// first second, then a line a second.
+class Progress
+{
+public:
+    explicit Progress(int pages);
+
+    /// Stand around the work whose time `composing` adds up.
+    void beginComposing();
+    void endComposing();
+
+    /// Tells that a page is done, when the last line is a second old.
+    void pageDone(int page);
+
+    const util::TimeSpec& composing() const;
+    util::TimeSpec sinceBegin() const;
+
+private:
+    int pages;
+    util::TimeSpec begin;
+    util::TimeSpec nextLine;
+    util::TimeSpec composingSince;
+    util::TimeSpec composingTime;
+};
+
+} // namespace labelPrinter
+
+#endif
