@@ -1,17 +1,13 @@
 #include "Quorvil/QuorvilPthread.h"
 
 #include "tests/support/allocationCount.h"
+#include "tests/support/assertion.h"
 #include "tests/support/interpose.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <new>
 #include <semaphore>
@@ -25,8 +21,6 @@
 #include <unistd.h>
 
 using quorvil::Pthread;
-using testing::AllOf;
-using testing::HasSubstr;
 
 SUPPORT_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * attr), (attr), noexcept)
 SUPPORT_INTERPOSE(int, pthread_attr_destroy, (pthread_attr_t * attr), (attr), noexcept)
@@ -41,62 +35,32 @@ SUPPORT_INTERPOSE(int, pthread_detach, (pthread_t thread), (thread), noexcept)
 namespace {
 
 /// What the last `pthread_create` was asked for.
-struct Asked
+struct
 {
     size_t stackBytes;
     int inherit;
     int policy;
-    int priority;
-};
-
-Asked asked;
-support::Fault createFault("pthread_create");
-
-Asked read(const pthread_attr_t* attributes)
-{
-    Asked values{};
-    sched_param parameters{};
-    pthread_attr_getstacksize(attributes, &values.stackBytes);
-    pthread_attr_getinheritsched(attributes, &values.inherit);
-    pthread_attr_getschedpolicy(attributes, &values.policy);
-    pthread_attr_getschedparam(attributes, &parameters);
-    values.priority = parameters.sched_priority;
-    return values;
-}
-
-support::Fault prctlFault("prctl");
+    sched_param parameters;
+} asked;
+constinit support::Fault createFault("pthread_create");
 
 } // namespace
 
-/// `prctl` takes any number of arguments; the system's own always looks at four.
-extern "C" __attribute__((visibility("default"))) int prctl(int option, ...) noexcept
-{
-    va_list rest;
-    va_start(rest, option);
-    unsigned long arguments[4];
-    for (unsigned long& argument : arguments)
-        argument = va_arg(rest, unsigned long);
-    va_end(rest);
-    if (prctlFault.strikes())
-        return static_cast<int>(prctlFault.result);
-    static const auto realPrctl = support::real<int (*)(int, ...)>("prctl");
-    return realPrctl(option, arguments[0], arguments[1], arguments[2], arguments[3]);
-}
-
 /// Remembers what was asked for, and starts the thread without its policy, to which a test may have no right.
-extern "C" __attribute__((visibility("default"))) int
+extern "C" __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int
 pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* arg) noexcept
 {
     if (createFault.strikes())
         return static_cast<int>(createFault.result);
-    static const auto create = support::real<decltype(&pthread_create)>("pthread_create");
+    const auto create = support::real<decltype(&pthread_create)>("pthread_create");
     if (attributes == nullptr)
         return create(thread, attributes, routine, arg);
-    asked = read(attributes);
+    pthread_attr_getstacksize(attributes, &asked.stackBytes);
+    pthread_attr_getinheritsched(attributes, &asked.inherit);
+    pthread_attr_getschedpolicy(attributes, &asked.policy);
+    pthread_attr_getschedparam(attributes, &asked.parameters);
     pthread_attr_t plain = *attributes;
-    static const auto setInherit =
-        support::real<decltype(&pthread_attr_setinheritsched)>("pthread_attr_setinheritsched");
-    setInherit(&plain, PTHREAD_INHERIT_SCHED);
+    pthread_attr_setinheritsched(&plain, PTHREAD_INHERIT_SCHED);
     return create(thread, &plain, routine, arg);
 }
 
@@ -109,32 +73,36 @@ void* echo(void* arg)
     return arg;
 }
 
-std::string threadName()
+constexpr int priorityOf(int policy)
 {
-    char name[16] = "";
-    prctl(PR_GET_NAME, name, 0, 0, 0);
-    return name;
+    return policy == SCHED_OTHER ? 0 : 17;
 }
 
 /// One of the four constructors that start a thread.
 struct Form
 {
     const char* context;
+    bool scheduled;
     Pthread (*start)(void* result, uint32_t stack, int policy);
 };
 
-constexpr std::array<Form, 4> forms{{
-    {"quorvil::Pthread::Pthread(quorvil::Pthread::Func, void*, uint32_t)",
+constexpr Form forms[] = {
+    {"quorvil::Pthread::Pthread(quorvil::Pthread::Func, void*, uint32_t)", false,
      [](void* result, uint32_t stack, int) { return Pthread(echo, result, stack); }},
-    {"quorvil::Pthread::Pthread(quorvil::Pthread::AlternativeFunc, uint32_t)",
+    {"quorvil::Pthread::Pthread(quorvil::Pthread::AlternativeFunc, uint32_t)", false,
      [](void* result, uint32_t stack, int) { return Pthread([result] { return result; }, stack); }},
-    {"quorvil::Pthread::Pthread(quorvil::Pthread::Func, void*, uint32_t, int, int)",
-     [](void* result, uint32_t stack, int policy) { return Pthread(echo, result, stack, policy, 17); }},
-    {"quorvil::Pthread::Pthread(quorvil::Pthread::AlternativeFunc, uint32_t, int, int)",
-     [](void* result, uint32_t stack, int policy) { return Pthread([result] { return result; }, stack, policy, 17); }},
-}};
-constexpr const Form& plainForm = forms[0];
-constexpr const Form& scheduledForm = forms[2];
+    {"quorvil::Pthread::Pthread(quorvil::Pthread::Func, void*, uint32_t, int, int)", true,
+     [](void* result, uint32_t stack, int policy) { return Pthread(echo, result, stack, policy, priorityOf(policy)); }},
+    {"quorvil::Pthread::Pthread(quorvil::Pthread::AlternativeFunc, uint32_t, int, int)", true,
+     [](void* result, uint32_t stack, int policy) {
+         return Pthread([result] { return result; }, stack, policy, priorityOf(policy));
+     }},
+};
+
+Pthread started(void* result = nullptr)
+{
+    return Pthread(echo, result, stackKiB);
+}
 
 /// What `operation` throws must be a `std::system_error` with this code of the generic category.
 template <typename Operation>
@@ -154,147 +122,104 @@ void expectNotRunning(Pthread& thread)
     expectSystemError(22, [&] { thread.detach(); });
 }
 
-TEST(Pthread, EveryConstructorRunsItsFunctionAndJoinHandsItsResultOn)
-{
-    for (const Form& form : forms) {
-        SCOPED_TRACE(form.context);
-        int target = 0;
-        Pthread thread = form.start(&target, stackKiB, SCHED_FIFO);
-        EXPECT_EQ(thread.join(), &target);
-        expectNotRunning(thread);
-    }
-}
-
-TEST(Pthread, TheStackIsAtLeast16KiBAndComesInWholePages)
+TEST(Pthread, EveryConstructorAsksForItsStackAndPolicyAndJoinReturnsTheResult)
 {
     const auto page = static_cast<size_t>(getpagesize());
     const auto pages = [page](size_t bytes) { return (bytes + page - 1) / page * page; };
-    const struct
-    {
-        uint32_t kiB;
-        size_t bytes;
-    } rows[] = {{0, 16384},        {15, 16384},
-                {16, 16384},       {17, pages(17408)},
-                {20, 20480},       {21, pages(21504)},
-                {2048, 2097152},   {2049, pages(2098176)},
-                {0x400000, 16384}, {0x400011, pages(17408)}};
-    for (const auto& row : rows) {
-        for (const Form& form : forms) {
-            SCOPED_TRACE(std::string(form.context) + " " + std::to_string(row.kiB));
-            form.start(nullptr, row.kiB, SCHED_FIFO).join();
-            EXPECT_EQ(asked.stackBytes, row.bytes);
-        }
-    }
-}
-
-TEST(Pthread, PolicyAndPriorityAreAskedForExplicitlyOrNotAtAll)
-{
+    // The size in bytes is counted in 32 bits.
+    const std::pair<uint32_t, size_t> stacks[] = {{0, 16384},         {15, 16384},
+                                                  {16, 16384},        {17, pages(17408)},
+                                                  {20, pages(20480)}, {2049, pages(2098176)},
+                                                  {0x400000, 16384},  {0x400011, pages(17408)}};
     for (const Form& form : forms) {
-        const bool scheduled = &form >= &scheduledForm;
-        for (const int policy : {SCHED_RR, SCHED_FIFO}) {
-            SCOPED_TRACE(std::string(form.context) + " " + std::to_string(policy));
-            form.start(nullptr, stackKiB, policy).join();
-            EXPECT_EQ(asked.inherit, scheduled ? PTHREAD_EXPLICIT_SCHED : PTHREAD_INHERIT_SCHED);
-            EXPECT_EQ(asked.policy, scheduled ? policy : SCHED_OTHER);
-            EXPECT_EQ(asked.priority, scheduled ? 17 : 0);
+        for (const auto& [kiB, bytes] : stacks) {
+            for (const int policy : {SCHED_OTHER, SCHED_FIFO, SCHED_RR}) {
+                SCOPED_TRACE(std::string(form.context) + " " + std::to_string(kiB) + " " + std::to_string(policy));
+                pthread_attr_initFault.calls = 0;
+                pthread_attr_destroyFault.calls = 0;
+                int target = 0;
+                Pthread thread = form.start(&target, kiB, policy);
+                EXPECT_EQ(thread.join(), &target);
+                expectNotRunning(thread);
+                EXPECT_EQ(asked.stackBytes, bytes);
+                EXPECT_EQ(asked.inherit, form.scheduled ? PTHREAD_EXPLICIT_SCHED : PTHREAD_INHERIT_SCHED);
+                EXPECT_EQ(asked.policy, form.scheduled ? policy : SCHED_OTHER);
+                EXPECT_EQ(asked.parameters.sched_priority, form.scheduled ? priorityOf(policy) : 0);
+                EXPECT_EQ(pthread_attr_initFault.calls, pthread_attr_destroyFault.calls);
+            }
         }
     }
-    Pthread(echo, nullptr, stackKiB, SCHED_OTHER, 0).join();
-    EXPECT_EQ(asked.inherit, PTHREAD_EXPLICIT_SCHED);
-    EXPECT_EQ(asked.policy, SCHED_OTHER);
 }
 
-TEST(Pthread, TheConstructorRenamesItsCallerAndTheThreadKeepsTheNameItInherited)
+TEST(Pthread, WithoutMemoryForTheStartPacketNothingIsLeftBehind)
+{
+    if (const char* const reason = support::AllocationFailure::hidden())
+        GTEST_SKIP() << reason;
+    for (const Form& form : forms) {
+        for (support::Fault* fault : {&pthread_attr_initFault, &pthread_attr_destroyFault, &createFault})
+            fault->calls = 0;
+        {
+            const support::AllocationFailure failure(1);
+            EXPECT_THROW(form.start(nullptr, stackKiB, SCHED_FIFO), std::bad_alloc);
+        }
+        EXPECT_EQ(pthread_attr_initFault.calls, 1) << form.context;
+        EXPECT_EQ(pthread_attr_destroyFault.calls, 1) << form.context;
+        EXPECT_EQ(createFault.calls, 0) << form.context;
+    }
+}
+
+TEST(Pthread, TheThreadInheritsItsNameAndTheFunctionObjectOutlivesItsCall)
 {
     prctl(PR_SET_NAME, "maker", 0, 0, 0);
-    // The clone takes the name over before the constructor sets another.
-    std::string inherited;
+    char inherited[16] = "";
+    auto held = std::make_shared<int>();
+    const std::weak_ptr<int> watched = held;
+    std::binary_semaphore given(0);
     Pthread thread(
-        [&]() -> void* {
-            inherited = threadName();
-            return nullptr;
+        [&inherited, &watched, &given, mine = std::move(held)]() -> void* {
+            prctl(PR_GET_NAME, inherited, 0, 0, 0);
+            given.acquire();
+            return watched.expired() ? nullptr : inherited;
         },
         stackKiB);
-    EXPECT_EQ(threadName(), "Pthread");
-    thread.join();
-    EXPECT_EQ(inherited, "maker");
-}
-
-TEST(Pthread, TheFunctionObjectLivesOnItsThreadUntilTheCallHasReturned)
-{
-    struct Witness
-    {
-        std::atomic<bool> returned{false};
-        bool destroyedAfterReturn = false;
-        bool destroyedThere = false;
-        pthread_t caller{};
-    } witness;
-    struct Notes
-    {
-        explicit Notes(Witness& w)
-            : witness(w)
-        {
-        }
-        ~Notes()
-        {
-            witness.destroyedAfterReturn = witness.returned;
-            witness.destroyedThere = !pthread_equal(pthread_self(), witness.caller);
-        }
-        Witness& witness;
-    };
-    witness.caller = pthread_self();
-    std::binary_semaphore go(0);
-    // The copies share the notes: the last one, the thread's own, ends them.
-    auto notes = std::make_shared<Notes>(witness);
-    Pthread thread(
-        [&go, held = std::move(notes)]() -> void* {
-            go.acquire();
-            held->witness.returned = true;
-            return nullptr;
-        },
-        stackKiB);
-    go.release();
-    thread.join();
-    EXPECT_TRUE(witness.destroyedAfterReturn);
-    EXPECT_TRUE(witness.destroyedThere);
+    char name[16] = "";
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    EXPECT_STREQ(name, "Pthread") << "the constructor renames its caller";
+    given.release();
+    EXPECT_EQ(thread.join(), inherited);
+    EXPECT_STREQ(inherited, "maker");
+    EXPECT_TRUE(watched.expired());
 }
 
 TEST(Pthread, AMoveTakesTheThreadAlongAndLeavesAnEmptyHandle)
 {
     int target = 0;
-    Pthread first = plainForm.start(&target, stackKiB, 0);
+    Pthread first;
+    expectNotRunning(first);
+    first = started(&target);
     Pthread second(std::move(first));
     expectNotRunning(first);
     first = std::move(second);
     expectNotRunning(second);
     EXPECT_EQ(first.join(), &target);
-
-    first = plainForm.start(nullptr, stackKiB, 0); // onto a joined handle
-    first.join();
-    second = std::move(first); // a joined handle moves as such
-    expectNotRunning(first);
+    second = std::move(first);
     expectNotRunning(second);
-
-    Pthread empty;
-    expectNotRunning(empty);
-    empty = plainForm.start(&target, stackKiB, 0);
-    Pthread& itself = empty;
-    EXPECT_EQ(empty.join(), &target);
-    empty = std::move(itself);
-    expectNotRunning(empty);
+    second = started(&target); // onto a joined handle
+    EXPECT_EQ(second.join(), &target);
 }
 
 TEST(Pthread, ADetachedThreadRunsOnWithoutItsHandle)
 {
     std::binary_semaphore go(0);
     std::binary_semaphore done(0);
-    std::function<void*()> run = [&]() -> void* {
-        go.acquire();
-        done.release();
-        return nullptr;
-    };
     {
-        Pthread thread(run, stackKiB);
+        Pthread thread(
+            [&]() -> void* {
+                go.acquire();
+                done.release();
+                return nullptr;
+            },
+            stackKiB);
         thread.detach();
         expectNotRunning(thread);
     }
@@ -305,8 +230,7 @@ TEST(Pthread, ADetachedThreadRunsOnWithoutItsHandle)
 TEST(Pthread, JoinFromTheThreadItselfIsRefusedAndLeavesTheHandleRunning)
 {
     std::binary_semaphore complete(0);
-    Pthread thread;
-    thread = Pthread(
+    Pthread thread(
         [&]() -> void* {
             complete.acquire();
             expectSystemError(35, [&] { thread.join(); });
@@ -317,108 +241,57 @@ TEST(Pthread, JoinFromTheThreadItselfIsRefusedAndLeavesTheHandleRunning)
     EXPECT_EQ(thread.join(), &thread);
 }
 
-TEST(Pthread, ANameThatIsRefusedDoesNotMatter)
-{
-    support::FaultScope scope(prctlFault, -1, EPERM);
-    int target = 0;
-    EXPECT_EQ(plainForm.start(&target, stackKiB, 0).join(), &target);
-    EXPECT_EQ(prctlFault.calls, 1);
-}
-
-TEST(Pthread, WithoutMemoryForTheStartPacketNothingIsLeftBehind)
-{
-    if (const char* const reason = support::AllocationFailure::hidden())
-        GTEST_SKIP() << reason;
-    for (const Form& form : forms) {
-        SCOPED_TRACE(form.context);
-        pthread_attr_initFault.calls = pthread_attr_destroyFault.calls = createFault.calls = 0;
-        {
-            const support::AllocationFailure failure(1);
-            EXPECT_THROW(form.start(nullptr, stackKiB, SCHED_FIFO), std::bad_alloc);
-        }
-        EXPECT_EQ(pthread_attr_initFault.calls, 1);
-        EXPECT_EQ(pthread_attr_destroyFault.calls, 1);
-        EXPECT_EQ(createFault.calls, 0);
-    }
-}
-
 // Every ending of the process, with its text.
 
-std::string assertion(const std::string& place, const std::string& function, const std::string& expression)
-{
-    return place + function + ": Assertion `" + expression + "' failed.";
-}
-
-auto reports(const std::string& context, const std::string& error)
-{
-    return AllOf(
-        HasSubstr(context + " failed in Quorvil/QuorvilPthread:"), HasSubstr(" - " + error + "\n"),
-        HasSubstr(assertion("Quorvil/SafeLinuxCalls:50: ", "int util::safePosix(const char*, const char*, int, int)",
-                            "posixFuncResult == 0")));
-}
-
 template <typename Operation>
-void failing(support::Fault& fault, int error, Operation operation)
+void expectReport(support::Fault& fault, const std::string& context, Operation operation)
 {
-    support::FaultScope scope(fault, error);
-    operation();
+    const auto failing = [&] {
+        const support::FaultScope scope(fault, EPERM);
+        operation();
+    };
+    EXPECT_DEATH(failing(), support::literal(context + " failed in Quorvil/QuorvilPthread:") + "[0-9]+" +
+                                support::literal(" - (1) Operation not permitted\n") + ".*" +
+                                support::assertion("Quorvil/SafeLinuxCalls",
+                                                   "int util::safePosix(const char*, const char*, int, int)",
+                                                   "posixFuncResult == 0"))
+        << fault.name;
 }
 
 TEST(PthreadDeathTest, EveryFailedCallEndsTheProcessWithItsReport)
 {
-    support::Fault* const faults[] = {
-        &pthread_attr_initFault,           &pthread_attr_setstacksizeFault,  &pthread_attr_setinheritschedFault,
-        &pthread_attr_setschedpolicyFault, &pthread_attr_setschedparamFault, &createFault,
-        &pthread_attr_destroyFault};
-    for (support::Fault* fault : faults) {
-        SCOPED_TRACE(fault->name);
-        EXPECT_DEATH(failing(*fault, EINVAL, [] { scheduledForm.start(nullptr, stackKiB, SCHED_RR); }),
-                     reports(scheduledForm.context, "(22) Invalid argument"));
-    }
-    for (const Form& form : forms) {
-        SCOPED_TRACE(form.context);
-        EXPECT_DEATH(failing(createFault, EPERM, [&] { form.start(nullptr, stackKiB, SCHED_FIFO); }),
-                     reports(form.context, "(1) Operation not permitted"));
-    }
-    Pthread thread(echo, nullptr, stackKiB);
-    EXPECT_DEATH(failing(pthread_joinFault, ESRCH, [&] { thread.join(); }),
-                 reports("void* quorvil::Pthread::join()", "(3) No such process"));
-    EXPECT_DEATH(failing(pthread_detachFault, ESRCH, [&] { thread.detach(); }),
-                 reports("void quorvil::Pthread::detach()", "(3) No such process"));
+    for (const Form& form : forms)
+        expectReport(createFault, form.context, [&] { form.start(nullptr, stackKiB, SCHED_FIFO); });
+    for (support::Fault* fault :
+         {&pthread_attr_initFault, &pthread_attr_setstacksizeFault, &pthread_attr_setinheritschedFault,
+          &pthread_attr_setschedpolicyFault, &pthread_attr_setschedparamFault, &pthread_attr_destroyFault})
+        expectReport(*fault, forms[2].context, [] { forms[2].start(nullptr, stackKiB, SCHED_RR); });
+    Pthread thread = started();
+    expectReport(pthread_joinFault, "void* quorvil::Pthread::join()", [&] { thread.join(); });
+    expectReport(pthread_detachFault, "void quorvil::Pthread::detach()", [&] { thread.detach(); });
     thread.join();
 }
 
-TEST(PthreadDeathTest, AnUnknownPolicyFailsTheAssertionOfItsConstructor)
+TEST(PthreadDeathTest, AnUnknownPolicyOrAMissingFunctionFailsItsAssertion)
 {
-    for (const Form* form : {&forms[2], &forms[3]}) {
-        for (const int policy : {-1, 3}) {
-            EXPECT_DEATH(form->start(nullptr, stackKiB, policy),
-                         AllOf(HasSubstr("Quorvil/QuorvilPthread:"),
-                               HasSubstr(assertion(": ", form->context,
-                                                   "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1"))));
-        }
+    for (const Form& form : {forms[2], forms[3]}) {
+        for (const int policy : {-1, 3})
+            EXPECT_DEATH(form.start(nullptr, stackKiB, policy),
+                         support::assertion("Quorvil/QuorvilPthread", form.context,
+                                            "schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1"));
     }
-}
-
-TEST(PthreadDeathTest, AThreadWithoutAFunctionFailsTheAssertionOfTheEntryRoutine)
-{
-    const std::string text = assertion(": ", "void* quorvil::pthreadFunc(void*)", "t->alternativeF");
-    EXPECT_DEATH(Pthread(nullptr, nullptr, stackKiB).join(), HasSubstr(text));
-    EXPECT_DEATH(Pthread(Pthread::AlternativeFunc(), stackKiB).join(), HasSubstr(text));
+    const std::string text =
+        support::assertion("Quorvil/QuorvilPthread", "void* quorvil::pthreadFunc(void*)", "t->alternativeF");
+    EXPECT_DEATH(Pthread(nullptr, nullptr, stackKiB).join(), text);
+    EXPECT_DEATH(Pthread(Pthread::AlternativeFunc(), stackKiB).join(), text);
 }
 
 TEST(PthreadDeathTest, ARunningHandleCanNeitherDieNorBeOverwritten)
 {
-    const std::string destroyed = "FEHLER: Pthread-Objekt zerstoert, das noch laufenden Thread enthaelt! "
-                                  "Erst join() oder detach() aufrufen!!\n";
-    const std::string overwritten = "FEHLER: move-Zuweisung an Pthread-Objekt das bereits laufenden Thread enthaelt!\n";
-    EXPECT_DEATH(plainForm.start(nullptr, stackKiB, 0), HasSubstr(destroyed + "terminate called"));
-    EXPECT_DEATH(
-        {
-            Pthread thread = plainForm.start(nullptr, stackKiB, 0);
-            thread = Pthread();
-        },
-        HasSubstr(overwritten + "terminate called"));
+    EXPECT_DEATH(started(), "FEHLER: Pthread-Objekt zerstoert, das noch laufenden Thread enthaelt! "
+                            "Erst join\\(\\) oder detach\\(\\) aufrufen!!\nterminate called");
+    EXPECT_DEATH(started() = Pthread(), "FEHLER: move-Zuweisung an Pthread-Objekt das bereits laufenden Thread "
+                                        "enthaelt!\nterminate called");
 }
 
 } // namespace
