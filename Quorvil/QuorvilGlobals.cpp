@@ -5,6 +5,7 @@
 #include "Quorvil/QuorvilInit.h"
 #include "Quorvil/QuorvilLimitedBuffer.h"
 #include "Quorvil/QuorvilLog.h"
+#include "Quorvil/QuorvilPeriodicTimer.h"
 #include "Quorvil/QuorvilSyncLockGroup.h"
 #include "Quorvil/ThreadSafeStream.h"
 #include "siblings/StampGate/StampGate.h"
@@ -96,6 +97,7 @@ std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
 quorvil::sync::LockGroup quorvil::sync::gl_trenvikLockGroup;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
 constinit std::mutex ovx::ImplementedFunc::mu;
+constinit std::mutex quorvil::Timer::alarmMtx;
 std::set<std::string> ovx::ImplementedFunc::allImplemented;
 
 namespace {
@@ -122,9 +124,4 @@ bool quorvil::intern::threadKeyCreated()
 pthread_key_t quorvil::intern::threadKey()
 {
     return ::threadKey;
-}
-
-void quorvil::intern::threadKeyDestructor(void*)
-{
-    // No thread is managed yet, so that no value ever stands under the key.
 }

@@ -18,8 +18,9 @@ bool threadKeyCreated();
 /// The key under which a managed thread finds itself; meaningless unless `threadKeyCreated()`.
 pthread_key_t threadKey();
 
-/// What the system library calls for each thread that ends with a value under `threadKey()`.
-void threadKeyDestructor(void* value);
+/// What the system library calls for each thread that ends with a value under `threadKey()`: `runFinished` of that
+/// value, a `util::ThreadInternals*`. What it throws ends the process.
+void threadKeyDestructor(void* value) noexcept;
 
 } // namespace quorvil::intern
 

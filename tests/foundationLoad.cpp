@@ -1,7 +1,9 @@
 // What happens while the library is loaded and unloaded. This program is not linked with the library: a forked child
 // opens it, with the calls of its load sequence interposed.
 
+#include "Quorvil/Thread.h"
 #include "siblings/OvxLog/OvxLog.h"
+#include "tests/support/assertion.h"
 #include "tests/support/child.h"
 #include "tests/support/interpose.h"
 
@@ -10,6 +12,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <link.h>
@@ -155,6 +158,31 @@ TEST(Load, ReportsAKeyThatCannotBeCreatedAndGoesOn)
         EXPECT_EQ(child.err, row.err) << row.name;
         EXPECT_EQ(child.status, 0) << row.name;
     }
+}
+
+TEST(Load, WithoutItsKeyTheLibraryStartsNoManagedThread)
+{
+    const support::ChildResult child = support::runInChild([] {
+        createFault.result = EPERM;
+        createFault.first = 1;
+        createFault.times = support::always;
+        openLibrary();
+        void* library = dlopen(QUORVIL_LIBRARY, RTLD_NOLOAD | RTLD_LAZY);
+        const auto current = reinterpret_cast<void* (*)()>(dlsym(library, "_ZN4util6Thread7currentEv"));
+        const auto construct = reinterpret_cast<void (*)(void*, void*, const std::string&)>(
+            dlsym(library, "_ZN4util15ThreadInternalsC1EPNS_6ThreadERKNSt7__cxx1112basic_stringIcSt11char_"
+                           "traitsIcESaIcEEE"));
+        const auto start =
+            reinterpret_cast<void (*)(void*, int, int, int)>(dlsym(library, "_ZN4util15ThreadInternals5startEiii"));
+        if (!current || !construct || !start || current() != nullptr)
+            return;
+        alignas(util::ThreadInternals) char place[sizeof(util::ThreadInternals)];
+        construct(place, nullptr, "thread");
+        start(place, -1, -1, -1);
+    });
+    EXPECT_THAT(child.err, testing::ContainsRegex(support::assertion(
+                               "Quorvil/Thread", "void util::ThreadInternals::start(int, int, int)", "keyCreated")));
+    EXPECT_TRUE(WIFSIGNALED(child.status));
 }
 
 TEST(Load, ReportsAKeyThatCannotBeDeleted)

@@ -2,7 +2,7 @@
 
 #include "tests/support/allocationCount.h"
 #include "tests/support/assertion.h"
-#include "tests/support/interpose.h"
+#include "tests/support/threadCreation.h"
 
 #include <gtest/gtest.h>
 
@@ -22,47 +22,7 @@
 
 using quorvil::Pthread;
 
-SUPPORT_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * attr), (attr), noexcept)
-SUPPORT_INTERPOSE(int, pthread_attr_destroy, (pthread_attr_t * attr), (attr), noexcept)
-SUPPORT_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * attr, size_t size), (attr, size), noexcept)
-SUPPORT_INTERPOSE(int, pthread_attr_setinheritsched, (pthread_attr_t * attr, int value), (attr, value), noexcept)
-SUPPORT_INTERPOSE(int, pthread_attr_setschedpolicy, (pthread_attr_t * attr, int value), (attr, value), noexcept)
-SUPPORT_INTERPOSE(int, pthread_attr_setschedparam, (pthread_attr_t * attr, const sched_param* value), (attr, value),
-                  noexcept)
-SUPPORT_INTERPOSE(int, pthread_join, (pthread_t thread, void** result), (thread, result), )
-SUPPORT_INTERPOSE(int, pthread_detach, (pthread_t thread), (thread), noexcept)
-
-namespace {
-
-/// What the last `pthread_create` was asked for.
-struct
-{
-    size_t stackBytes;
-    int inherit;
-    int policy;
-    sched_param parameters;
-} asked;
-constinit support::Fault createFault("pthread_create");
-
-} // namespace
-
-/// Remembers what was asked for, and starts the thread without its policy, to which a test may have no right.
-extern "C" __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int
-pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* arg) noexcept
-{
-    if (createFault.strikes())
-        return static_cast<int>(createFault.result);
-    const auto create = support::real<decltype(&pthread_create)>("pthread_create");
-    if (attributes == nullptr)
-        return create(thread, attributes, routine, arg);
-    pthread_attr_getstacksize(attributes, &asked.stackBytes);
-    pthread_attr_getinheritsched(attributes, &asked.inherit);
-    pthread_attr_getschedpolicy(attributes, &asked.policy);
-    pthread_attr_getschedparam(attributes, &asked.parameters);
-    pthread_attr_t plain = *attributes;
-    pthread_attr_setinheritsched(&plain, PTHREAD_INHERIT_SCHED);
-    return create(thread, &plain, routine, arg);
-}
+using support::asked;
 
 namespace {
 
@@ -156,7 +116,7 @@ TEST(Pthread, WithoutMemoryForTheStartPacketNothingIsLeftBehind)
     if (const char* const reason = support::AllocationFailure::hidden())
         GTEST_SKIP() << reason;
     for (const Form& form : forms) {
-        for (support::Fault* fault : {&pthread_attr_initFault, &pthread_attr_destroyFault, &createFault})
+        for (support::Fault* fault : {&pthread_attr_initFault, &pthread_attr_destroyFault, &pthread_createFault})
             fault->calls = 0;
         {
             const support::AllocationFailure failure(1);
@@ -164,7 +124,7 @@ TEST(Pthread, WithoutMemoryForTheStartPacketNothingIsLeftBehind)
         }
         EXPECT_EQ(pthread_attr_initFault.calls, 1) << form.context;
         EXPECT_EQ(pthread_attr_destroyFault.calls, 1) << form.context;
-        EXPECT_EQ(createFault.calls, 0) << form.context;
+        EXPECT_EQ(pthread_createFault.calls, 0) << form.context;
     }
 }
 
@@ -261,7 +221,7 @@ void expectReport(support::Fault& fault, const std::string& context, Operation o
 TEST(PthreadDeathTest, EveryFailedCallEndsTheProcessWithItsReport)
 {
     for (const Form& form : forms)
-        expectReport(createFault, form.context, [&] { form.start(nullptr, stackKiB, SCHED_FIFO); });
+        expectReport(pthread_createFault, form.context, [&] { form.start(nullptr, stackKiB, SCHED_FIFO); });
     for (support::Fault* fault :
          {&pthread_attr_initFault, &pthread_attr_setstacksizeFault, &pthread_attr_setinheritschedFault,
           &pthread_attr_setschedpolicyFault, &pthread_attr_setschedparamFault, &pthread_attr_destroyFault})

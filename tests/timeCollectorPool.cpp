@@ -448,7 +448,7 @@ TEST_F(TimeCollectorPoolEnd, ARecordPassedToDumpDuringACloseIsPrintedOrGoesBack)
 {
     constexpr size_t producers = 3;
     constexpr size_t closers = 2;
-    const int rounds = support::sanitized || support::emulated ? 100 : 400;
+    const int rounds = support::sanitized || support::emulated ? 100 : 1000;
     std::optional<TimeCollectorPool> pool;
     std::barrier<> step(producers + closers + 1);
     std::vector<std::thread> threads;

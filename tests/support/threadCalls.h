@@ -60,9 +60,9 @@ public:
             count.wait(seen);
     }
 
-    bool opened() const
+    bool opened(int times = 1) const
     {
-        return count > 0;
+        return count >= times;
     }
 
 private:
