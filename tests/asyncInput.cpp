@@ -74,14 +74,26 @@ private:
     std::streambuf* former;
 };
 
-TEST(AsyncInput, ALineComesWithoutItsNewlineAndAnEndedStreamGivesAnEmptyOne)
+/// Each test waits for the end of its tasks.
+class AsyncInputTest : public testing::Test
+{
+protected:
+    ~AsyncInputTest() override
+    {
+        support::awaitThreads(before);
+    }
+
+    const std::ptrdiff_t before = support::threadCount();
+};
+
+TEST_F(AsyncInputTest, ALineComesWithoutItsNewlineAndAnEndedStreamGivesAnEmptyOne)
 {
     std::istringstream in("first\n\nlast");
     for (const std::string expected : {"first", "", "last", ""})
         EXPECT_EQ(asyncInput(in).get(), expected);
 }
 
-TEST(AsyncInput, TheConstructorReadsAndTheCallerGoesOnUntilTheLineIsThere)
+TEST_F(AsyncInputTest, TheConstructorReadsAndTheCallerGoesOnUntilTheLineIsThere)
 {
     for (const std::string text : {"yes\nno\n", ""}) {
         const std::string expected = text.substr(0, text.find('\n'));
@@ -102,7 +114,7 @@ TEST(AsyncInput, TheConstructorReadsAndTheCallerGoesOnUntilTheLineIsThere)
     }
 }
 
-TEST(AsyncInput, TheDestructorWaitsForTheLine)
+TEST_F(AsyncInputTest, TheDestructorWaitsForTheLine)
 {
     Operator person("line\nrest");
     const Replaced console(std::cin, &person);
@@ -121,9 +133,8 @@ TEST(AsyncInput, TheDestructorWaitsForTheLine)
     EXPECT_EQ(rest, "rest");
 }
 
-TEST(AsyncInput, AnExceptionOfTheStreamStaysInItsTaskAndSignalsNothing)
+TEST_F(AsyncInputTest, AnExceptionOfTheStreamStaysInItsTaskAndSignalsNothing)
 {
-    const auto before = support::threadCount();
     std::istringstream in;
     in.exceptions(std::ios::eofbit);
     std::mutex mutex;
@@ -137,7 +148,7 @@ TEST(AsyncInput, AnExceptionOfTheStreamStaysInItsTaskAndSignalsNothing)
     EXPECT_EQ(input, "untouched");
 }
 
-TEST(AsyncInput, WithoutAThreadItIsASystemError)
+TEST_F(AsyncInputTest, WithoutAThreadItIsASystemError)
 {
     const support::FaultScope fault(pthread_createFault, EAGAIN);
     EXPECT_THROW(AsyncInput(), std::system_error);

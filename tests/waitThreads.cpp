@@ -12,11 +12,9 @@
 #include <climits>
 #include <functional>
 #include <gtest/gtest.h>
-#include <memory>
-#include <optional>
 #include <semaphore>
 #include <system_error>
-#include <utility>
+#include <thread>
 
 #include <sched.h>
 
@@ -70,7 +68,7 @@ TEST_F(WaitThreadTest, NotificationsBeforeTheWakeUpAreOneAndOneDuringACallBrings
 {
     WaitHandler handler;
     Gate notified;
-    std::optional<HookScope> hook(std::in_place, support::threadStart, [&] { notified.await(); });
+    const HookScope hook(support::threadStart, [&] { notified.await(); });
     WaitThread* self = nullptr;
     handler.inCall = [&](int call) {
         if (call == 1)
@@ -156,24 +154,31 @@ TEST_F(PollingThreadTest, WithoutAStartItEndsWithoutACall)
 TEST_F(PollingThreadTest, OneLoopRunsFromStartToStopHoweverOftenBothAreCalled)
 {
     PollingHandler handler;
-    std::unique_ptr<PollingThread> thread;
+    PollingThread* self = nullptr;
     handler.inCall = [&](int call) {
-        thread->start();
+        self->start();
         if (call % 3 == 0) {
-            thread->stop();
-            thread->stop();
+            self->stop();
+            self->stop();
         }
     };
-    thread = std::make_unique<PollingThread>(&handler, 0);
-    awaitAsleep(1);
-    thread->stop();
-    for (int round = 1; round <= 3; ++round) {
-        thread->start();
-        thread->start();
-        awaitAsleep(1 + round);
-        EXPECT_EQ(handler.calls, 3 * round);
+    {
+        Gate begin;
+        const HookScope hook(support::threadStart, [&] { begin.await(); });
+        PollingThread thread(&handler, 0);
+        self = &thread;
+        thread.stop();
+        thread.start();
+        thread.start();
+        begin.open();
+        for (int round = 1; round <= 3; ++round) {
+            awaitAsleep(round);
+            EXPECT_EQ(handler.calls, 3 * round);
+            if (round < 3)
+                thread.start();
+        }
+        thread.stop();
     }
-    thread.reset();
     EXPECT_EQ(handler.calls, 9);
     EXPECT_EQ(nanosleepFault.calls, 0);
 }
@@ -182,25 +187,25 @@ TEST_F(PollingThreadTest, AStopWithdrawsAStartThatTheWorkerHasNotSeen)
 {
     PollingHandler handler;
     Gate begin;
-    std::optional<HookScope> hook(std::in_place, support::threadStart, [&] { begin.await(); });
-    std::unique_ptr<PollingThread> thread;
+    const HookScope hook(support::threadStart, [&] { begin.await(); });
+    PollingThread* self = nullptr;
     handler.inCall = [&](int call) {
         // A stop whose start follows at once goes on; one with another stop behind it does not.
-        thread->stop();
-        thread->start();
+        self->stop();
+        self->start();
         if (call == 3)
-            thread->stop();
+            self->stop();
     };
-    thread = std::make_unique<PollingThread>(&handler, 0);
-    thread->start();
-    thread->stop();
+    PollingThread thread(&handler, 0);
+    self = &thread;
+    thread.start();
+    thread.stop();
     begin.open();
     awaitAsleep(1);
     EXPECT_EQ(handler.calls, 0);
-    thread->start();
+    thread.start();
     awaitAsleep(2);
     EXPECT_EQ(handler.calls, 3);
-    thread.reset();
 }
 
 TEST_F(PollingThreadTest, AStopOrTheEndDuringAPauseOrACallBringsNoFurtherCall)
@@ -290,20 +295,22 @@ TEST_F(PollingThreadTest, ThePauseIsTheIntervalInSecondsAndNanosecondsTakenUpAga
 TEST_F(PollingThreadTest, EveryCallComesBehindAPauseAndANewIntervalCountsFromTheNextOne)
 {
     PollingHandler handler;
-    std::unique_ptr<PollingThread> thread;
+    PollingThread* self = nullptr;
     int pausesBeforeCall[3] = {};
     handler.inCall = [&](int call) {
         pausesBeforeCall[call - 1] = nanosleepFault.calls;
-        thread->setInterval(call + 1);
+        self->setInterval(call + 1);
         if (call == 3)
-            thread->stop();
+            self->stop();
     };
     const FaultScope noPause(nanosleepFault, 0);
-    thread = std::make_unique<PollingThread>(&handler, 1);
-    awaitAsleep(1);
-    thread->start();
-    awaitAsleep(2);
-    thread.reset();
+    {
+        PollingThread thread(&handler, 1);
+        self = &thread;
+        awaitAsleep(1);
+        thread.start();
+        awaitAsleep(2);
+    }
     for (int call = 1; call <= 3; ++call) {
         EXPECT_EQ(pausesBeforeCall[call - 1], call);
         EXPECT_EQ(support::pauses[static_cast<size_t>(call - 1)].tv_nsec, 1000L * call);

@@ -1,6 +1,7 @@
 #include "siblings/EasyAsync/EasyAsync.h"
 
 #include <chrono>
+#include <iterator>
 #include <list>
 #include <mutex>
 #include <utility>
@@ -11,28 +12,43 @@ namespace {
 
 constinit std::mutex storeMutex;
 
-/// Made at the first call, and never destroyed.
-std::list<std::future<void>>& store()
+/// Drops what has ended, at the end of the process too: the store itself is never destroyed.
+void dropEnded(std::list<std::future<void>>& futures)
 {
-    static auto* const futures = new std::list<std::future<void>>;
-    return *futures;
+    for (auto kept = futures.begin(); kept != futures.end();) {
+        const bool hasEnded = kept->wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        kept = hasEnded ? futures.erase(kept) : std::next(kept);
+    }
 }
+
+class Store
+{
+public:
+    Store()
+        : futures(*new std::list<std::future<void>>)
+    {
+    }
+
+    ~Store()
+    {
+        const std::lock_guard lock(storeMutex);
+        dropEnded(futures);
+    }
+
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    std::list<std::future<void>>& futures;
+};
 
 } // namespace
 
 void storeFuture(std::future<void>&& future)
 {
-    // Declared first, so that it ends last: ended futures go outside the lock.
-    std::list<std::future<void>> ended;
+    static const Store store;
     const std::lock_guard lock(storeMutex);
-    std::list<std::future<void>>& futures = store();
-    for (auto kept = futures.begin(); kept != futures.end();) {
-        const auto next = std::next(kept);
-        if (kept->wait_for(std::chrono::seconds(0)) == std::future_status::ready)
-            ended.splice(ended.end(), futures, kept);
-        kept = next;
-    }
-    futures.push_back(std::move(future));
+    dropEnded(store.futures);
+    store.futures.push_back(std::move(future));
 }
 
 } // namespace quorvil::easyAsyncIntern

@@ -10,8 +10,8 @@ namespace quorvil::easyAsyncIntern {
 
 /// Takes a future over and returns at once: the destructor of one from `std::async` would wait for its task.
 ///
-/// Each future is kept until its task has ended; those of ended tasks go at the next call. The store is never
-/// destroyed, so that a task that does not end cannot hold up the exit of the process.
+/// Each future is kept until its task has ended; those of ended tasks go at the next call, and at the exit of the
+/// process. The others stay in the store, so that a task that does not end cannot hold up the exit.
 ///
 /// @throws std::bad_alloc  no memory to keep it; the future stays the caller's
 /// @threads any   @realtime allocates

@@ -40,16 +40,23 @@ extern Fault threadStart;
 /// that is made to fail leaves a rest of 1 s and 7 ns.
 extern std::array<timespec, 16> pauses;
 
-/// Threads of this process.
-inline std::ptrdiff_t threadCount()
+/// Threads of this process now.
+inline std::ptrdiff_t threadsNow()
 {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+/// Threads of this process, with those that a sanitizer adds when the first one is started.
+inline std::ptrdiff_t threadCount()
+{
+    std::thread([] {}).join();
+    return threadsNow();
 }
 
 /// Returns once there are no more than `count` threads.
 inline void awaitThreads(std::ptrdiff_t count)
 {
-    while (threadCount() > count)
+    while (threadsNow() > count)
         std::this_thread::yield();
 }
 
