@@ -420,6 +420,7 @@ TEST(Foundation, TakesNoMemoryWhereARealTimeThreadMayCallIt)
     util::TimeSpec now;
     now.initNow(CLOCK_MONOTONIC);
     now.init(1, -1);
+    now.normalize();
     now.initFromMs(5);
     now.initFromThreadXTicks(5);
     sum += now;
@@ -430,6 +431,9 @@ TEST(Foundation, TakesNoMemoryWhereARealTimeThreadMayCallIt)
     const int results = util::safe("f", "F", 1, 0, true) + util::safePosix("f", "F", 1, 0);
     const bool silenced = quorvil::intern::logSilenced(0);
     const char* text = exception.what();
+    {
+        const tss::Internal chain = safeCout << std::flush;
+    }
     EXPECT_EQ(count.allocations() + count.releases(), 0U);
     EXPECT_TRUE(less && passed && silenced && difference.tv_nsec < 0 && results == 0 && *text == 't');
     gl_bOVXLConfigLoaded = 0;
