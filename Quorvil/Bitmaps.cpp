@@ -9,7 +9,7 @@
 //    |------------------------------------------|----------------------|--------------------------------------|
 //    | source and destination share memory      | `orRowBitSegments`   | a byte, in the order told to callers |
 //    | 8 bytes at most on either side           | `orWordRows`         | the row, in one rotated word         |
-//    | 4 to 7 bytes between the first and last  | `orWideRows<4>`      | 4 bytes                              |
+//    | 6 or 7 bytes between the first and last  | `orWideRows<4>`      | 4 bytes                              |
 //    | 8 to 15 bytes between                    | `orWideRows<8>`      | 8 bytes                              |
 //    | 16 bytes between and more                | `orWideRows<16>`     | 16 bytes: SSE2, NEON                 |
 //    | 32 bytes between, the machine has AVX2   | `orWideRows<32>`     | 32 bytes                             |

@@ -48,6 +48,8 @@ public:
     Bitmap& operator=(const Bitmap&) = default;
 
     /// Ends the view. The memory stays with its owner.
+    ///
+    /// @threads owner   @realtime bounded
     virtual ~Bitmap();
 
     /// Sets the clip rectangle to the given one, cut down to the image.
@@ -75,6 +77,8 @@ public:
     /// from left to right and rows from top to bottom, so that pixels already inserted are read again; a copy that must
     /// not do that goes through memory of its own.
     ///
+    /// Threads that insert at the same time do it in disjoint bytes.
+    ///
     /// @param src   where the pixels come from; its clip rectangle does not count
     /// @param srcX  left edge of the rectangle in `src`, may be negative
     /// @param srcY  upper edge of the rectangle in `src`, may be negative
@@ -82,7 +86,7 @@ public:
     /// @param srcH  height, likewise
     /// @param dstX  where the left edge comes to lie here, may be negative
     /// @param dstY  where the upper edge comes to lie here, may be negative
-    /// @threads any, in disjoint bytes   @realtime bounded
+    /// @threads any   @realtime bounded
     void insert(const Bitmap& src, int srcX, int srcY, int srcW, int srcH, int dstX, int dstY);
 
     /// Sets the pixel if `set` is true, else leaves it as it is. The first pixel of a byte is 0x01 here.

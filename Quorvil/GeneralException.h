@@ -67,12 +67,12 @@ private:
 /// Each place of use names the errors that it expects, by `handle`, and ends with `throwNow` or `writeNow`:
 /// "EINVAL in pthread_cond_wait" comes from `handle(EINVAL, "EINVAL")` and `throwNow("in pthread_cond_wait")`. An error
 /// that nobody named reads "Unexpected errno (22) in pthread_cond_wait". A null text fails the text's stream, and what
-/// would have followed it is lost.
+/// would have followed it is lost. A thrower belongs to one thread.
 class QUORVIL_API GeneralExceptionThrower
 {
 public:
     /// @param err  the error number to report
-    /// @threads any, each thread its own thrower   @realtime allocates
+    /// @threads any   @realtime allocates
     explicit GeneralExceptionThrower(int err);
 
     virtual ~GeneralExceptionThrower();

@@ -19,9 +19,9 @@ class QUORVIL_API ImplementedFunc
 public:
     virtual ~ImplementedFunc();
 
-    /// The names; empty at load. Take `mu` before every use.
+    /// The names; empty at load. Take `mu` before every use: who holds it is the owner.
     ///
-    /// @threads holder of `mu`   @realtime allocates
+    /// @threads owner   @realtime allocates
     static std::set<std::string> allImplemented;
 
     /// Guards `allImplemented`. It is usable before any constructor has run.

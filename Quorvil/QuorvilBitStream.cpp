@@ -138,7 +138,9 @@ uint32_t BitInputStreamImpl::read(int numBits)
         normalize();
         return static_cast<uint32_t>(bits(curByte, doneBits, numBits));
     }
-    // The byte at hand and up to four or, when it is used up, five behind it: 40 bits at most.
+    // The byte at hand and up to four behind it: 40 bits at most. They are taken out of one word at the end, so that no
+    // offset, and no count left over, is carried from byte to byte whose range could be asserted: `end` lies in 1 to 40
+    // by the two checks above.
     IByteInputStream& source = byteStream;
     const int begin = doneBits;
     const int end = begin + numBits;

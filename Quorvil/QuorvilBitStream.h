@@ -18,8 +18,11 @@
 // A bit stream and its byte stream belong to one thread at a time, and a byte stream must not use the bit stream that
 // is calling it. What a byte stream throws passes through the bit stream: a byte that was refused is still collected,
 // and a fetch that failed leaves the state as it was before it.
+//
+// `@realtime bounded` of a bit stream speaks of its own work, beside the calls of the byte stream that it makes.
 
-/// Where a bit stream reads its bytes from, one at a time.
+/// Where a bit stream reads its bytes from, one at a time. What a call costs is the implementation's to say; the mark
+/// gives the most.
 class QUORVIL_API IByteInputStream
 {
 public:
@@ -27,11 +30,12 @@ public:
 
     /// Gives the next byte. What comes behind the last one is the implementation's to say.
     ///
-    /// @threads one at a time   @realtime the implementation's
+    /// @threads one at a time   @realtime I/O
     virtual uint8_t readUint8() = 0;
 };
 
-/// Where a bit stream writes its bytes to, one at a time.
+/// Where a bit stream writes its bytes to, one at a time. What a call costs is the implementation's to say; the marks
+/// give the most.
 class QUORVIL_API IByteOutputStream
 {
 public:
@@ -39,18 +43,18 @@ public:
 
     /// Takes one byte. A byte that is refused by an exception does not count as written.
     ///
-    /// @threads one at a time   @realtime the implementation's
+    /// @threads one at a time   @realtime I/O
     virtual void writeUint8(uint8_t byte) = 0;
 
     /// Passes on what the implementation holds back. The bit streams never call it: it is the owner's of the byte
     /// stream.
     ///
-    /// @threads one at a time   @realtime the implementation's
+    /// @threads one at a time   @realtime I/O
     virtual void flush() = 0;
 
     /// Forgets what was written.
     ///
-    /// @threads one at a time   @realtime the implementation's
+    /// @threads one at a time   @realtime I/O
     virtual void reset() = 0;
 };
 
@@ -58,9 +62,9 @@ public:
 class QUORVIL_API VecByteInputStream : public IByteInputStream
 {
 public:
-    /// Reads `bytes` from the first one on.
+    /// Reads `bytes` from the first one on. A vector that is moved in is not copied.
     ///
-    /// @realtime bounded, if the vector is moved in
+    /// @threads any   @realtime bounded
     explicit VecByteInputStream(std::vector<uint8_t> bytes);
 
     VecByteInputStream(const VecByteInputStream&) = delete;
@@ -81,6 +85,8 @@ class QUORVIL_API VecByteOutputStream : public IByteOutputStream
 {
 public:
     /// Begins without a byte.
+    ///
+    /// @threads any   @realtime bounded
     VecByteOutputStream();
 
     VecByteOutputStream(const VecByteOutputStream&) = delete;
@@ -102,7 +108,8 @@ public:
     /// @threads one at a time   @realtime bounded
     void reset() override;
 
-    /// What was written since the start or the last `reset`; valid until the next byte.
+    /// What was written since the start or the last `reset`. The reference holds as long as the object; iterators and
+    /// pointers into the vector hold until the next byte or `reset`.
     ///
     /// @threads one at a time   @realtime bounded
     const std::vector<uint8_t>& bytes() const;
@@ -131,18 +138,19 @@ public:
     /// @threads any   @realtime allocates
     static std::shared_ptr<BitInputStream> create(IByteInputStream& stream);
 
-    /// Gives the next `numBits` bits, the oldest one in bit 0; the bits above them are 0.
+    /// Gives the next `numBits` bits, the oldest one in bit 0; the bits above them are 0. It calls the byte stream at
+    /// most four times.
     ///
     /// @param numBits  1 to 32
     /// @requires numBits >= 0 && numBits <= 32, and then, against 0, what `bits` requires
     /// @throws  whatever the byte stream throws
-    /// @threads one at a time   @realtime bounded, beside at most five calls of the byte stream
+    /// @threads one at a time   @realtime bounded
     virtual uint32_t read(int numBits) = 0;
 
-    /// Gives the next bit, 0 or 1.
+    /// Gives the next bit, 0 or 1. It calls the byte stream at most once.
     ///
     /// @throws  whatever the byte stream throws
-    /// @threads one at a time   @realtime bounded, beside at most one call of the byte stream
+    /// @threads one at a time   @realtime bounded
     virtual uint32_t read() = 0;
 };
 
@@ -170,33 +178,33 @@ public:
     static std::shared_ptr<BitOutputStream> create(IByteOutputStream& stream);
 
     /// Appends the bits `firstBit` to `firstBit + numBits - 1` of `value`, lowest first. A whole value of n bits is
-    /// `write(0, n, value)`. Bits 32 to 63 of `value` read as 0; no bits are written if `numBits` is 0.
+    /// `write(0, n, value)`. Bits 32 to 63 of `value` read as 0; no bits are written if `numBits` is 0. It calls the
+    /// byte stream four times for every 32 bits.
     ///
-    /// @requires bitIdx >= 0 && bitIdx < 32 (the stream is not Closed), and what `bits` requires of each piece, cut
-    /// where
-    ///           32 bits are collected; the pieces before a bad one are written
+    /// @requires bitIdx >= 0 && bitIdx < 32 (the stream is not Closed), and what `bits` requires of each piece. A piece
+    /// ends where 32 bits are collected; the pieces before a bad one are written
     /// @throws  whatever the byte stream throws: the bits of `value` collected so far stay, the others are left out
-    /// @threads one at a time   @realtime bounded, beside the calls of the byte stream, four every 32 bits
+    /// @threads one at a time   @realtime bounded
     virtual void write(int firstBit, int numBits, uint32_t value) = 0;
 
     /// Appends one bit: `write(0, 1, bit)`.
     ///
     /// @requires bitIdx >= 0 && bitIdx < 32
     /// @throws  whatever the byte stream throws
-    /// @threads one at a time   @realtime bounded, beside the calls of the byte stream
+    /// @threads one at a time   @realtime bounded
     virtual void writeBit(bool bit) = 0;
 
     /// Passes all collected bits to the byte stream, least significant byte first, the last byte filled up with zero
-    /// bits. With nothing collected it does nothing. The byte stream's own `flush` is not called.
+    /// bits: four bytes at most. With nothing collected it does nothing. The byte stream's own `flush` is not called.
     ///
     /// @throws  whatever the byte stream throws: the refused byte and those behind it are still collected
-    /// @threads one at a time   @realtime bounded, beside at most four calls of the byte stream
+    /// @threads one at a time   @realtime bounded
     virtual void flush() = 0;
 
     /// Resets the byte stream and then drops the collected bits: the next bit is the first one again.
     ///
     /// @throws  whatever the byte stream throws; the collected bits are still there then
-    /// @threads one at a time   @realtime bounded, beside one call of the byte stream
+    /// @threads one at a time   @realtime bounded
     virtual void reset() = 0;
 };
 

@@ -137,7 +137,7 @@ class QUORVIL_API SubHeap final : public IHeap
 public:
     /// Takes `size` bytes from `parent`.
     ///
-    /// @threads the parent's   @realtime bounded
+    /// @threads owner   @realtime bounded
     SubHeap(IHeap& parent, size_t size);
 
     /// Gives the whole block back to the parent, whether or not the sub-heap is empty.
@@ -202,11 +202,12 @@ public:
         intern::require(heap != nullptr, "b.getHeap()", "Quorvil/QuorvilFastAllocator", __LINE__, __PRETTY_FUNCTION__);
     }
 
-    /// Takes room for `n` elements from the heap, by `alloc`. An element is aligned to 8 at most.
+    /// Takes room for `n` elements from the heap, by `alloc`. An element is aligned to 8 at most. The threads
+    /// are the heap's to bring into order.
     ///
     /// @requires `heap`: it has one
     /// @throws std::bad_array_new_length  the bytes of `n` elements cannot be counted
-    /// @threads the heap's   @realtime bounded
+    /// @threads one at a time   @realtime bounded
     T* allocate(size_t n)
     {
         static_assert(alignof(T) <= 8, "the heaps align to 8");
@@ -219,7 +220,7 @@ public:
     /// Gives the room back to the heap, by `dealloc`.
     ///
     /// @param n  the number that was asked for
-    /// @threads the heap's   @realtime bounded
+    /// @threads one at a time   @realtime bounded
     void deallocate(T* p, size_t n) noexcept
     {
         heap->dealloc(p, n * sizeof(T));

@@ -16,15 +16,15 @@ extern "C" {
 /// Calls `stampGate(52)` and nothing else. The loader calls it before any object of the library is constructed;
 /// nobody else needs to.
 ///
-/// @threads the loader's
+/// @threads one at a time   @realtime bounded
 QUORVIL_API void Quorvil_constructor();
 
 /// Gives the process a German locale with English number formatting: `setlocale(LC_ALL, "de_DE.UTF-8")`, then
 /// `setlocale(LC_NUMERIC, "en_US.UTF-8")`. The library does not call it at load.
 ///
-/// A locale that is not installed changes nothing and is not reported.
+/// A locale that is not installed changes nothing and is not reported. Call it before other threads use the locale.
 ///
-/// @threads one at a time, before other threads use the locale   @realtime allocates
+/// @threads one at a time   @realtime allocates
 QUORVIL_API void initLocale();
 }
 

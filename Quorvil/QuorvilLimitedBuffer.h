@@ -46,9 +46,8 @@ class QUORVIL_API LimitedBuffer
 public:
     /// An empty ring.
     ///
-    /// @param capacity              bytes of text in the ring, 1 to INT_MAX; a text that is added must be shorter.
-    /// `addf`
-    ///                              adds up to 511 bytes and wants at least 512
+    /// @param capacity              bytes of text in the ring, 1 to INT_MAX; a text that is added must be
+    ///                              shorter. `addf` adds up to 511 bytes and wants at least 512
     /// @param bytesPerValueList     length of each state-value list in bytes
     /// @param formatStateValueList  prints one list to a stream; its second argument points to the list's bytes. It is
     ///                              called by `print` alone, without a lock, on each thread that prints, and may itself
@@ -109,24 +108,24 @@ public:
     ///
     /// It works on a copy: writers are held up for the copying of the ring and the lists, not for the output. The
     /// stream's width is reset and nothing is padded. What the stream or the formatter throws passes through and leaves
-    /// the buffer as it was.
+    /// the buffer as it was. The stream is the caller's alone meanwhile.
     ///
     /// @throws std::bad_alloc  there is no memory for the copy; nothing has been written
     /// @throws std::system_error  the lock cannot be taken
-    /// @threads any, each on its own stream   @realtime allocates
+    /// @threads any   @realtime allocates
     void print(std::ostream& out);
 
     /// Writes `partSize` bytes of the ring from `partBegin` on, in ring order, valid text or not. It takes no lock: the
     /// caller decides what a writer beside it may do to the part.
     ///
     /// @requires "begin <= partBegin && partBegin < end", "(ptrdiff_t)partSize <= (end - begin)"
-    /// @threads one at a time, writers included   @realtime I/O
+    /// @threads one at a time   @realtime I/O
     void readPart(char* partBegin, std::size_t partSize, std::ostream& out);
 
-    /// Ends the process unless the ring's fields fit together.
+    /// Ends the process unless the ring's fields fit together. It takes no lock: no writer may be at work.
     ///
     /// @requires "begin < end", "begin <= next", "next < end", "(ptrdiff_t)size <= (end - begin)"
-    /// @threads one at a time, writers included   @realtime bounded
+    /// @threads one at a time   @realtime bounded
     void checkInvariants() const;
 
     /// The place `n` bytes from `a` in ring order, backward if `n` is negative. Any `n` will do.
@@ -170,15 +169,15 @@ private:
     std::function<void(std::ostream&, const char*)> formatStateValueList;
 };
 
-/// Prints `buffer` to `out`, as `print` does.
+/// Prints `buffer` to `out`, the caller's alone, as `print` does.
 ///
-/// @threads any, each on its own stream   @realtime allocates
+/// @threads any   @realtime allocates
 QUORVIL_API std::ostream& operator<<(std::ostream& out, LimitedBuffer& buffer);
 
 /// The well-known buffer of the process, into which lock groups trace. It is empty at load: the application installs a
 /// buffer before it starts threads, and users test it for null. It ends with the library's other global objects.
 ///
-/// @threads any may read; assigned while no other thread uses it
+/// @threads any
 QUORVIL_API extern std::shared_ptr<LimitedBuffer> gl_pTrenvikLimitedBuffer;
 
 /// A console thread that prints a buffer on demand: on each line from standard input, until the line "q" or the end of
@@ -205,7 +204,7 @@ public:
     /// It returns behind the echo of "q", of the last line of the input, or of a failed read. What `print` throws is
     /// reported on `std::cerr`, and the dialogue goes on.
     ///
-    /// @threads one at a time on the console   @realtime waits
+    /// @threads one at a time   @realtime waits
     void run();
 
 private:

@@ -47,9 +47,10 @@ public:
     void add(int pos, const char* values, int numBytes);
 
     /// Takes over all lists of `src`, with their bytes, in place of its own. A running iteration ends.
+    /// No other thread uses either object meanwhile.
     ///
     /// @requires "src.bytesPerValueList == this->bytesPerValueList"
-    /// @threads one at a time, on both objects   @realtime bounded
+    /// @threads one at a time   @realtime bounded
     void copyFrom(const LimitedStateValueBuffer& src);
 
     /// Drops the newest list whose position lies in the stretch of the cycle that was just written, and all older ones

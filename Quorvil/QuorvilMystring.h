@@ -86,9 +86,10 @@ public:
     mystring& operator=(mystring&& other) noexcept;
 
     /// Converts each character of `wide` to the bytes that the locale's `LC_CTYPE` gives it (`wcrtomb`). A character
-    /// that the locale cannot express is left out, and nothing is reported. Not counted.
+    /// that the locale cannot express is left out, and nothing is reported. Not counted. The locale must not change
+    /// meanwhile.
     ///
-    /// @threads owner; the locale must not change meanwhile   @realtime allocates
+    /// @threads owner   @realtime allocates
     mystring& operator=(const mywstring& wide);
 
     /// Appends `other`, which stays as it was, to this object and returns this object: no new string is made.
@@ -187,20 +188,22 @@ public:
     mywstring& operator=(mywstring&& other) noexcept;
 
     /// Converts `bytes` to the characters that they are under the locale's `LC_CTYPE` (`mbrtowc`). A NUL byte becomes
-    /// a NUL character, and the conversion goes on behind it.
+    /// a NUL character, and the conversion goes on behind it. The locale must not change meanwhile.
     ///
     /// Where the bytes do not convert, a report on `safeCerr` comes before the exception, and this string keeps the
     /// characters that stand before the bad place:
     ///
     /// | Bytes | Report |
     /// |---|---|
-    /// | invalid in the locale | "mbrtowc: " and the system's text for `EILSEQ` |
-    /// | any other error number of `mbrtowc` | the same line with its text, then "mbrtowc: Unerwarteter Fehler: ", the
-    /// text, and a line that names the current locale | | ended inside a character | "utf8 string that shall be
-    /// converted to utf32 does not contain a valid multibyte character at pos " and the byte offset |
+    /// | invalid in the locale | line 1, "mbrtowc: " and the system's text for `EILSEQ` |
+    /// | any other error number of `mbrtowc` | line 1 with its text, then line 2 and a line with the current locale |
+    /// | ended inside a character | line 3 |
+    ///
+    /// Line 2 is "mbrtowc: Unerwarteter Fehler: " and the text, line 3 "utf8 string that shall be converted to utf32
+    /// does not contain a valid multibyte character at pos " and the byte offset.
     ///
     /// @throws Utf8Exception  `bytes` do not convert
-    /// @threads owner; the locale must not change meanwhile   @realtime allocates
+    /// @threads owner   @realtime allocates
     mywstring& operator=(const mystring& bytes);
 
     /// True if both strings have one length and `wcsncasecmp` over that length finds no difference; like that function

@@ -13,7 +13,7 @@
 class QUORVIL_API ParseException : public std::invalid_argument
 {
 public:
-    /// @realtime allocates
+    /// @threads any   @realtime allocates
     ParseException();
 };
 
@@ -22,11 +22,13 @@ public:
 /// A text of at least three characters that begins with `0x` or `0X` is hexadecimal: it has no sign, and every
 /// character behind the prefix that is no hexadecimal digit is skipped. Every other text is decimal: a `-` or nothing,
 /// then nothing but digits. Without a digit, as in the empty text and in `-`, a decimal text is 0, and a leading zero
-/// means no octal. What does not fit into 64 bits wraps: `0xFFFFFFFFFFFFFFFF` is -1.
+/// means no octal. What does not fit into 64 bits wraps: `0xFFFFFFFFFFFFFFFF` is -1. The time grows with the length of
+/// the text.
 ///
 /// @param s  ends in NUL, must not be null
-/// @throws ParseException  a decimal text holds something other than a digit: a `+`, a blank, a letter
-/// @threads any   @realtime bounded by the length of the text, but for the exception, which allocates
+/// @throws ParseException  a decimal text holds something other than a digit: a `+`, a blank, a letter; the exception
+/// allocates
+/// @threads any   @realtime bounded
 QUORVIL_API int64_t parseNum(const char* s);
 
 #endif

@@ -17,8 +17,9 @@ struct Pos
 };
 
 /// Writes the position as `(Pos 12)`, without a newline; the number comes out as the stream formats it.
+/// The stream is the caller's alone meanwhile.
 ///
-/// @threads one at a time for each stream   @realtime the stream's
+/// @threads owner   @realtime I/O
 QUORVIL_API std::ostream& operator<<(std::ostream& stream, const Pos& position);
 
 namespace stream {

@@ -20,11 +20,12 @@ namespace quorvilRemovePathDots {
 /// The very first segment of a relative path is taken as it stands: a leading ".." is never taken away (`../..` stays,
 /// `../a/..` is `..`), but a leading "." stays (`./a`) and a ".." takes it away like any other (`./..` is empty).
 ///
-/// A path that needs no change is only read: nothing is allocated for it.
+/// A path that needs no change is only read: nothing is allocated for it. The string is the caller's alone
+/// meanwhile.
 ///
 /// @param s  the path; the result is never longer
 /// @return false if an absolute path leads above the root; `s` is unchanged then
-/// @threads any, each its own string   @realtime allocates
+/// @threads any   @realtime allocates
 QUORVIL_API bool removePathDots(std::string& s);
 
 } // namespace quorvilRemovePathDots

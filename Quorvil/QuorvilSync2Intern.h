@@ -8,8 +8,8 @@
 #include "Quorvil/QuorvilSyncLockGroup.h"
 
 /// The lower layer of pool-backed queues. Nothing here locks: a list and its elements are guarded by the lock group of
-/// the structure that owns them, and a thread holds that group during every call. Where an element can go back to its
-/// pool, a `Guard&` proves it.
+/// the structure that owns them, and a thread holds that group, as its owner, during every call. Where an element can
+/// go back to its pool, a `Guard&` proves it.
 namespace quorvil::sync2::intern {
 
 class Element;
@@ -25,7 +25,7 @@ public:
     ///
     /// @param guard    holds the group of the structure that the element leaves
     /// @param element  in no list
-    /// @threads owner of the group
+    /// @threads owner
     virtual void takeBack(sync::Guard& guard, Element* element) = 0;
 
     Pool(const Pool&) = delete;
@@ -47,23 +47,23 @@ public:
     /// Sets where the element belongs.
     ///
     /// @param pool  not owned; null: nowhere
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     void setPool(Pool* pool);
 
     /// Gives the element to its pool's `takeBack`, and what that throws to the caller.
     ///
     /// @requires pool
-    /// @threads owner of the group
+    /// @threads owner
     void goBackToPool(sync::Guard& guard);
 
     /// The element behind this one in its list; null if it is the last, or in no list.
     ///
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     Element* getNext() const;
 
     /// Where the element belongs, or null.
     ///
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     Pool* getPool() const;
 
     Element(const Element&) = delete;
@@ -90,17 +90,18 @@ public:
     /// @param e  in no list
     /// @requires !e->next
     /// @requires dbgInvariant()
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     void pushBack(Element* e);
 
     /// Takes the first element out.
     ///
     /// @return null if the list is empty
     /// @requires dbgInvariant()
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     Element* popFront();
 
-    /// Takes a run of consecutive elements out of this list and puts it into `to`, in constant time.
+    /// Takes a run of consecutive elements out of this list and puts it into `to`, in constant time. The
+    /// groups of both lists are held.
     ///
     /// @param fromAfterThis  the element before the run; null: the run begins with the first element
     /// @param fromUntilThis  the run's last element; it is in this list and not before `fromAfterThis`
@@ -108,19 +109,19 @@ public:
     /// @param toAfterThis    the element of `to`, outside the run, behind which the run comes; null: it comes first
     /// @requires fromUntilThis
     /// @requires dbgInvariant()
-    /// @threads owner of both lists' groups   @realtime bounded
+    /// @threads owner   @realtime bounded
     void moveRange(Element* fromAfterThis, Element* fromUntilThis, Fifo& to, Element* toAfterThis);
 
     /// Empties the list: each element, the first one first, goes back to its pool. What a pool throws ends it: the
     /// element in hand is in no list then, and the rest stays.
     ///
     /// @requires dbgInvariant()
-    /// @threads owner of the group
+    /// @threads owner
     void allBackToPools(sync::Guard& guard);
 
     /// Whether head and tail are both there or both missing.
     ///
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     bool dbgInvariant() const;
 
     Fifo(const Fifo&) = delete;
@@ -138,32 +139,32 @@ class QUORVIL_API PoolAccess
 public:
     /// @param guard    holds the element's group
     /// @param element  in no list; may be null
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     PoolAccess(sync::Guard& guard, Element* element);
 
     /// Takes guard and element; `other` holds none then.
     ///
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     PoolAccess(PoolAccess&& other) noexcept;
 
-    /// Exchanges the elements; each guard stays where it is.
+    /// Exchanges the elements; each guard stays where it is. Both groups are held.
     ///
-    /// @threads owner of both groups   @realtime bounded
+    /// @threads owner   @realtime bounded
     PoolAccess& operator=(PoolAccess&& other) noexcept;
 
     /// Gives the element back. An exception of the pool ends the process.
     ///
-    /// @threads owner of the group
+    /// @threads owner
     ~PoolAccess();
 
     /// Hands the element out; the object holds none then.
     ///
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     Element* release();
 
     /// The element, still owned by this object, or null.
     ///
-    /// @threads owner of the group   @realtime bounded
+    /// @threads owner   @realtime bounded
     Element* get() const;
 
     PoolAccess(const PoolAccess&) = delete;

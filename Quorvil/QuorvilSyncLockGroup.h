@@ -164,8 +164,7 @@ public:
     /// Gives the level up, sleeps until a notification, and takes the level again. It can return without one: callers
     /// test their own condition in a loop.
     ///
-    /// @throws InterruptedException  the group is interrupted, noticed only behind the wake-up; the guard still holds
-    /// it
+    /// @throws InterruptedException  the group is interrupted, noticed behind the wake-up; the guard still holds it
     /// @throws std::system_error     the condition failed, or the lock could not be taken again
     /// @requires group, held through this guard and at this one level
     /// @threads owner   @realtime waits

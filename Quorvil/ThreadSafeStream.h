@@ -42,26 +42,31 @@ public:
     ///
     /// @threads owner   @realtime I/O
     template <typename T>
-    Internal& operator<<(const T& value)
-    {
-        out << value;
-        return *this;
-    }
+    Internal& operator<<(const T& value);
 
     /// Applies a manipulator such as `std::endl` to the wrapped stream.
     ///
     /// @threads owner   @realtime I/O
-    Internal& operator<<(std::ostream& (*manipulator)(std::ostream&))
-    {
-        manipulator(out);
-        return *this;
-    }
+    Internal& operator<<(std::ostream& (*manipulator)(std::ostream&));
 
 private:
     std::ostream& out;
     std::lock_guard<std::recursive_mutex> lock;
     ThreadSafeStream& stream;
 };
+
+template <typename T>
+Internal& Internal::operator<<(const T& value)
+{
+    out << value;
+    return *this;
+}
+
+inline Internal& Internal::operator<<(std::ostream& (*manipulator)(std::ostream&))
+{
+    manipulator(out);
+    return *this;
+}
 
 /// A stream that many threads may write to: what one statement chains by `<<` comes out unbroken.
 ///
@@ -84,12 +89,7 @@ public:
     /// @throws std::system_error  the lock cannot be taken; nothing is written
     /// @threads any   @realtime I/O
     template <typename T>
-    Internal operator<<(const T& value)
-    {
-        Internal chain(out, *this);
-        chain << value;
-        return chain;
-    }
+    Internal operator<<(const T& value);
 
     /// Begins a chain with a manipulator such as `std::endl`.
     ///
@@ -103,6 +103,14 @@ public:
 private:
     std::ostream& out;
 };
+
+template <typename T>
+Internal ThreadSafeStream::operator<<(const T& value)
+{
+    Internal chain(out, *this);
+    chain << value;
+    return chain;
+}
 
 } // namespace tss
 

@@ -97,8 +97,9 @@ private:
 };
 
 /// Writes "TimeSpec(", the seconds, "s; ", the nanoseconds, "ns)". The numbers follow the stream's settings.
+/// The stream is the caller's alone meanwhile.
 ///
-/// @threads owner of the stream   @realtime I/O
+/// @threads owner   @realtime I/O
 QUORVIL_API std::ostream& operator<<(std::ostream& out, const TimeSpec& value);
 
 /// A timed wait has reached its deadline. It carries no text of its own.
@@ -129,9 +130,9 @@ public:
     ///
     /// A failed check writes three lines to `std::cerr`: "minDiff: ", "diff: " and "maxDiff: ", each with its time.
     ///
-    /// @param count, ms  the expected time, in milliseconds, is their product; products beyond an `int` count as its
-    /// limit
-    /// @param factor     2.0 and 0.5 mean the same; one that is not a number fails the check
+    /// @param count   the expected time is `count * ms`; a product beyond an `int` counts as its limit
+    /// @param ms      milliseconds
+    /// @param factor  2.0 and 0.5 mean the same; one that is not a number fails the check
     /// @threads any   @realtime bounded on success, I/O on failure   @clock CLOCK_MONOTONIC
     bool checkAround(int count, int ms, double factor);
 
@@ -142,8 +143,9 @@ private:
 } // namespace util
 
 /// Sets the stream to decimal, which stays in force, and writes the seconds, "s ", the nanoseconds, "ns".
+/// The stream is the caller's alone meanwhile.
 ///
-/// @threads owner of the stream   @realtime I/O
+/// @threads owner   @realtime I/O
 QUORVIL_API std::ostream& operator<<(std::ostream& out, const timespec& value);
 
 /// `a` minus `b`, with the sign rule of the normal form. Both have to be normal: one second at most is carried.

@@ -55,11 +55,17 @@ void writeAll(BitOutputStream& stream)
     stream.flush();
 }
 
+/// The bytes that the values have to become, bit by bit.
 std::vector<uint8_t> pack()
 {
-    VecByteOutputStream bytes;
-    writeAll(*BitOutputStream::create(bytes));
-    return bytes.bytes();
+    std::vector<uint8_t> bytes;
+    size_t position = 0;
+    for (const Value& value : values)
+        for (int bit = 0; bit < value.numBits; ++bit, ++position) {
+            bytes.resize(position / 8 + 1);
+            bytes.back() = static_cast<uint8_t>(bytes.back() | (value.bits >> bit & 1) << position % 8);
+        }
+    return bytes;
 }
 
 const std::vector<uint8_t> packed = pack();
@@ -73,6 +79,9 @@ void writeOurs(benchmark::State& state)
 {
     VecByteOutputStream bytes;
     const auto stream = BitOutputStream::create(bytes);
+    writeAll(*stream);
+    if (bytes.bytes() != packed)
+        return state.SkipWithError("write wrote other bits");
     for (auto _ : state) {
         stream->reset();
         writeAll(*stream);
@@ -118,6 +127,11 @@ void readPasses(benchmark::State& state, Pass pass)
 
 void readOurs(benchmark::State& state)
 {
+    VecByteInputStream source(packed);
+    const auto checked = BitInputStream::create(source);
+    for (const Value& value : values)
+        if (checked->read(value.numBits) != value.bits)
+            return state.SkipWithError("read reads other values");
     readPasses(state, [](BitInputStream& stream, IByteInputStream&) {
         uint32_t sum = 0;
         for (const Value& value : values)
@@ -128,6 +142,10 @@ void readOurs(benchmark::State& state)
 
 void readCalls(benchmark::State& state)
 {
+    VecByteInputStream checked(packed);
+    for (const uint8_t byte : packed)
+        if (checked.readUint8() != byte)
+            return state.SkipWithError("the byte stream reads other bytes");
     readPasses(state, [](BitInputStream&, IByteInputStream& bytes) {
         uint32_t sum = 0;
         for (size_t index = 0; index < packed.size(); ++index)
@@ -146,15 +164,21 @@ BENCHMARK(readCalls)->Name("bitStream/read/virtualCall");
 void writeBitset(benchmark::State& state)
 {
     bench::DynamicBitset bits(valueCount * 32);
-    for (auto _ : state) {
+    const auto write = [&bits] {
         bits.clear();
         for (const Value& value : values)
             bits.write(value.numBits, value.bits);
+    };
+    write();
+    bool equal = bits.size() == 8 * packed.size();
+    for (size_t index = 0; equal && index < packed.size(); ++index)
+        equal = bits.read(8) == packed[index];
+    if (!equal)
+        return state.SkipWithError("the peer wrote other bits");
+    for (auto _ : state) {
+        write();
         benchmark::ClobberMemory();
     }
-    for (size_t index = 0; index < packed.size(); ++index)
-        if (bits.read(8) != packed[index])
-            return state.SkipWithError("the peer wrote other bits");
     finish(state);
 }
 

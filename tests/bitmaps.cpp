@@ -1,3 +1,4 @@
+#include "tests/support/assertionTrap.h"
 #include "tests/support/bitmapModel.h"
 #include "tests/support/portableBitmaps.h"
 
@@ -239,6 +240,31 @@ TYPED_TEST(Bitmap, ClipIsCutToTheImageAndUnclipTakesItBack)
     }
 }
 
+TYPED_TEST(Bitmap, AFailedClipLeavesTheOldRectangleInPlace)
+{
+    Bytes ones(1300, 0xFF);
+    Bytes expected(1300);
+    model::Image{expected.data(), 100, 100, 13}.insert({ones.data(), 100, 100, 13}, 0, 0, 30, 40, 10, 20);
+    const struct
+    {
+        int x, y, w, h;
+        const char* expression;
+    } rows[] = {{100, 0, 1, 1, "x < widthPixels"},
+                {1, 100, 1, 1, "y < heightPixels"},
+                {1, 2, 0, 3, "w > 0"},
+                {1, 2, 3, 0, "h > 0"},
+                {-5, -5, 6, 5, "h > 0"}};
+    for (const auto& row : rows) {
+        Bytes memory(1300);
+        TypeParam target(memory.data(), 100, 100, 13);
+        target.clip(10, 20, 30, 40);
+        EXPECT_THAT(assertionTrap::failureOf([&] { target.clip(row.x, row.y, row.w, row.h); }),
+                    testing::EndsWith(std::string(": ") + row.expression));
+        target.insert(TypeParam(ones.data(), 100, 100, 13), 0, 0, 100, 100, 0, 0);
+        EXPECT_EQ(memory, expected) << row.x << ' ' << row.y << ' ' << row.w << ' ' << row.h;
+    }
+}
+
 TYPED_TEST(Bitmap, SinglePixelsCountFromTheLowestBitAndIgnoreTheClipRectangle)
 {
     Bytes memory(6);
@@ -270,6 +296,37 @@ TYPED_TEST(Bitmap, RowsMayLieBeyondTwoGigabytes)
     EXPECT_EQ(pixels[size_t{2999} * bytesPerRow], 0x80);
     EXPECT_EQ(bitmap.getBit(7, 2999), 1);
     munmap(memory, size);
+}
+
+TYPED_TEST(Bitmap, WholeRowsMayHaveMorePixelsTogetherThanAnIntCounts)
+{
+    if (sizeof(void*) == 4)
+        GTEST_SKIP() << "no such memory in 32 bits";
+    // The source takes no memory but for its last row. In the destination all rows but the last are the same memory.
+    constexpr int rows = 513;
+    constexpr size_t bytesPerRow = 1 << 20;
+    constexpr size_t size = rows * bytesPerRow;
+    const int sharedRows = memfd_create("rows", MFD_CLOEXEC);
+    ASSERT_EQ(ftruncate(sharedRows, 2 * bytesPerRow), 0);
+    const auto map = [](void* place, size_t length, int flags, int descriptor, size_t offset) {
+        void* const memory = mmap(place, length, PROT_READ | PROT_WRITE, flags, descriptor, static_cast<off_t>(offset));
+        EXPECT_NE(memory, MAP_FAILED);
+        return static_cast<uint8_t*>(memory);
+    };
+    uint8_t* const source = map(nullptr, size, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    uint8_t* const target = map(nullptr, size, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    for (size_t row = 0; row < rows; ++row)
+        map(target + row * bytesPerRow, bytesPerRow, MAP_SHARED | MAP_FIXED, sharedRows,
+            row == rows - 1 ? bytesPerRow : 0);
+    const Bytes lastRow = randomBytes(bytesPerRow);
+    std::ranges::copy(lastRow, source + size - bytesPerRow);
+    const TypeParam from(source, bytesPerRow * 8, rows, bytesPerRow);
+    TypeParam(target, bytesPerRow * 8, rows, bytesPerRow).insert(from, 0, 0, INT_MAX, INT_MAX, 0, 0);
+    EXPECT_TRUE(std::ranges::equal(lastRow, std::span(target + size - bytesPerRow, bytesPerRow)));
+    EXPECT_TRUE(std::ranges::all_of(std::span(target, bytesPerRow), [](uint8_t byte) { return byte == 0; }));
+    munmap(target, size);
+    munmap(source, size);
+    close(sharedRows);
 }
 
 TEST(BitmapDeathTest, CallersFaultsFailTheirAssertionsInTheToldOrder)

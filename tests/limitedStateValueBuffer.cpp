@@ -1,4 +1,5 @@
 #include "Quorvil/QuorvilLimitedStateValueBuffer.h"
+#include "tests/support/allocationCount.h"
 
 #include <gmock/gmock.h>
 
@@ -91,6 +92,26 @@ TEST(LimitedStateValueBuffer, DropsWhatLiesBehindTheOldPlaceUpToTheNewOne)
                     model.removeOverwritten(begin, end, cycleLen);
                     ASSERT_EQ(model.lists, listsOf(buffer, 1)) << pos << " " << begin << " " << end << " " << cycleLen;
                 }
+}
+
+TEST(LimitedStateValueBuffer, TakesNoMemoryOnceItIsMade)
+{
+    LimitedStateValueBuffer buffer(1);
+    LimitedStateValueBuffer copy(1);
+    int lists = 0;
+    const support::AllocationCount count;
+    for (int i = 0; i < 300; ++i)
+        buffer.add(i, "x", 1);
+    buffer.removeOverwritten(170, 180, 300);
+    copy.copyFrom(buffer);
+    copy.startIteration();
+    int pos = 0;
+    for (char* values = nullptr; copy.iterate(pos, values); ++lists) {
+        copy.valueStepForward(&values);
+        copy.valueStepBack(&values);
+    }
+    EXPECT_EQ(count.allocations(), 0U);
+    EXPECT_EQ(lists, 119);
 }
 
 TEST(LimitedStateValueBuffer, BehavesAsItsModelOverLongRandomUse)

@@ -1,5 +1,6 @@
 #include "Quorvil/EnterIfInteractive.h"
 #include "Quorvil/QuorvilPos.h"
+#include "Quorvil/ThreadSafeStream.h"
 #include "tests/support/numberModel.h"
 
 #include <gmock/gmock.h>
@@ -7,6 +8,7 @@
 #include <climits>
 #include <iostream>
 #include <sstream>
+#include <thread>
 
 TEST(ParseNum, KnowsThreeForms)
 {
@@ -65,6 +67,17 @@ TEST(Pos, PrintsItsNumberAsTheStreamFormatsIt)
     EXPECT_EQ(stream.str(), "(Pos 12)(Pos -1)(Pos 0xff)");
 }
 
+/// Counts how often it is flushed.
+struct CountingBuffer : std::stringbuf
+{
+    int sync() override
+    {
+        ++flushes;
+        return std::stringbuf::sync();
+    }
+    int flushes = 0;
+};
+
 /// Puts buffers of the test behind `std::cin` and `std::cerr`.
 class EnterIfInteractive : public testing::Test
 {
@@ -74,10 +87,11 @@ protected:
         std::cin.rdbuf(realInput);
         std::cin.clear();
         std::cerr.rdbuf(realErrors);
+        std::cerr << std::unitbuf;
     }
 
     std::stringbuf input{"first\nsecond\nlast"};
-    std::stringbuf errors;
+    CountingBuffer errors;
     std::streambuf* realInput = std::cin.rdbuf(&input);
     std::streambuf* realErrors = std::cerr.rdbuf(&errors);
 };
@@ -95,4 +109,29 @@ TEST_F(EnterIfInteractive, TakesOneLineAfterItsQuestion)
     enterIfInteractive(true, "danach");
     EXPECT_TRUE(std::cin.eof());
     EXPECT_EQ(errors.str(), "*** Nach ENTER: Druck ... > *** Nach ENTER: Ende ... > *** Nach ENTER: danach ... > ");
+}
+
+TEST_F(EnterIfInteractive, HasFlushedItsQuestionAndLeavesTheConsoleToOthersWhenItWaits)
+{
+    /// Has nothing typed until another thread has written.
+    struct Keyboard : std::streambuf
+    {
+        explicit Keyboard(const CountingBuffer& errors_)
+            : errors(errors_)
+        {
+        }
+        int underflow() override
+        {
+            flushesBefore = errors.flushes;
+            std::thread([] { safeCerr << "Band 7"; }).join();
+            return traits_type::eof();
+        }
+        const CountingBuffer& errors;
+        int flushesBefore = 0;
+    } keyboard(errors);
+    std::cin.rdbuf(&keyboard);
+    std::cerr << std::nounitbuf;
+    enterIfInteractive(true, "Druck");
+    EXPECT_EQ(errors.str(), "*** Nach ENTER: Druck ... > Band 7");
+    EXPECT_EQ(keyboard.flushesBefore, 1);
 }

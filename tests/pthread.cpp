@@ -168,6 +168,19 @@ TEST(Pthread, AMoveTakesTheThreadAlongAndLeavesAnEmptyHandle)
     EXPECT_EQ(second.join(), &target);
 }
 
+TEST(Pthread, HandlesTakeNoMemoryWhereNoThreadIsStarted)
+{
+    Pthread thread = started();
+    const support::AllocationCount count;
+    {
+        Pthread moved(std::move(thread));
+        Pthread empty;
+        empty = std::move(moved);
+        empty.detach();
+    }
+    EXPECT_EQ(count.allocations(), 0U);
+}
+
 TEST(Pthread, ADetachedThreadRunsOnWithoutItsHandle)
 {
     std::binary_semaphore go(0);

@@ -114,6 +114,7 @@ TEST(Fifo, GivesElementsInTheirOrderAndThenNull)
         for (Element& element : elements)
             list.pushBack(&element);
         EXPECT_EQ(elements[0].getNext(), &elements[1]);
+        EXPECT_EQ(elements[0].getPool(), nullptr);
         for (Element& element : elements)
             EXPECT_EQ(list.popFront(), &element);
         EXPECT_EQ(list.popFront(), nullptr);

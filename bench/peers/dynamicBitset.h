@@ -31,6 +31,11 @@ public:
             bits.push_back((value >> bit & 1) != 0);
     }
 
+    size_t size() const
+    {
+        return bits.size();
+    }
+
     void rewind()
     {
         position = 0;
