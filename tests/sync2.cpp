@@ -54,7 +54,9 @@ void moveAndCompare(size_t fromSize, size_t otherSize, size_t first, size_t last
     const auto at = [](Model& model, size_t index) { return std::next(model.begin(), static_cast<ptrdiff_t>(index)); };
     const auto behind = [&](Model& model, size_t index) { return index == 0 ? nullptr : *at(model, index - 1); };
 
+    const support::AllocationCount count;
     lists[0].moveRange(behind(models[0], first), behind(models[0], last), lists[!toItself], behind(to, place));
+    EXPECT_EQ(count.allocations(), 0U);
 
     to.splice(at(to, toItself && place == first ? last : place), models[0], at(models[0], first), at(models[0], last));
     for (size_t i = 0; i < lists.size(); ++i)
@@ -73,23 +75,6 @@ TEST(Fifo, MovesEveryRunToEveryPlaceOfAnotherListAndOfItself)
                         if (place <= first || (place > last && place <= fromSize))
                             moveAndCompare(fromSize, otherSize, first, last, place, true);
                     }
-}
-
-TEST(Fifo, TakesNoMemory)
-{
-    const support::AllocationCount count;
-    std::array<Element, 2> elements;
-    Fifo list;
-    for (int round = 0; round < 2; ++round) {
-        for (Element& element : elements)
-            list.pushBack(&element);
-        list.moveRange(nullptr, &elements[0], list, &elements[1]);
-        EXPECT_EQ(elements[1].getNext(), &elements[0]);
-        EXPECT_EQ(list.popFront(), &elements[1]);
-        EXPECT_EQ(list.popFront(), &elements[0]);
-        EXPECT_TRUE(list.dbgInvariant());
-    }
-    EXPECT_EQ(count.allocations(), 0U);
 }
 
 /// Remembers what came home, and under which guard; refuses one element.
@@ -123,6 +108,7 @@ TEST_F(Sync2Pools, GetTheElementsOfAListInOrderButTheOneThatIsRefused)
 {
     for (Element& element : elements)
         list.pushBack(&element);
+    EXPECT_EQ(elements[0].getNext(), &elements[1]);
     pool.refused = &elements[2];
     EXPECT_THROW(list.allBackToPools(guard), std::runtime_error);
     EXPECT_EQ(pool.home, (RecordingPool::Home{{&guard, &elements[0]}}));
@@ -158,10 +144,9 @@ using Sync2DeathTest = Sync2Pools;
 
 TEST_F(Sync2DeathTest, MisuseAndAPoolThatThrowsTooLateEndTheProcess)
 {
-    const auto at = [](int line, const char* expression, const char* function) {
-        return "QuorvilSync2Intern:" + std::to_string(line) + ": " +
-               support::literal("void quorvil::sync2::intern::" + std::string(function) + ": Assertion `" + expression +
-                                "' failed.");
+    const auto at = [](const char* line, const char* expression, const char* function) {
+        return support::assertion("Quorvil/QuorvilSync2Intern", "void quorvil::sync2::intern::" + std::string(function),
+                                  expression, line);
     };
     const char* const pushBack = "Fifo::pushBack(quorvil::sync2::intern::Element*)";
     const char* const moveRange = "Fifo::moveRange(quorvil::sync2::intern::Element*, quorvil::sync2::intern::Element*, "
@@ -170,18 +155,19 @@ TEST_F(Sync2DeathTest, MisuseAndAPoolThatThrowsTooLateEndTheProcess)
     Element homeless;
     list.pushBack(&elements[0]);
     list.pushBack(&elements[1]);
-    EXPECT_DEATH(list.pushBack(&elements[0]), at(66, "!e->next", pushBack));
-    EXPECT_DEATH(list.moveRange(nullptr, nullptr, empty, nullptr), at(119, "fromUntilThis", moveRange));
-    EXPECT_DEATH(empty.moveRange(nullptr, &elements[0], list, nullptr), at(182, "dbgInvariant()", moveRange));
-    EXPECT_DEATH(homeless.goBackToPool(guard), at(187, "pool", "Element::goBackToPool(quorvil::sync::Guard&)"));
+    EXPECT_DEATH(list.pushBack(&elements[0]), at("66", "!e->next", pushBack));
+    EXPECT_DEATH(list.moveRange(nullptr, nullptr, empty, nullptr), at("119", "fromUntilThis", moveRange));
+    EXPECT_DEATH(empty.moveRange(nullptr, &elements[0], list, nullptr), at("182", "dbgInvariant()", moveRange));
+    EXPECT_DEATH(homeless.goBackToPool(guard), at("187", "pool", "Element::goBackToPool(quorvil::sync::Guard&)"));
     pool.refused = &elements[2];
     EXPECT_EXIT(PoolAccess(guard, &elements[2]), testing::KilledBySignal(SIGABRT), "terminate called.*\n.*refused");
 
     // A run that is moved behind an element of no list leaves a list with a tail and no head.
     list.moveRange(nullptr, &elements[0], empty, &elements[3]);
     EXPECT_FALSE(empty.dbgInvariant());
-    EXPECT_DEATH(empty.pushBack(&homeless), at(74, "dbgInvariant()", pushBack));
-    EXPECT_DEATH(empty.allBackToPools(guard), at(110, "dbgInvariant()", "Fifo::allBackToPools(quorvil::sync::Guard&)"));
+    EXPECT_DEATH(empty.pushBack(&homeless), at("74", "dbgInvariant()", pushBack));
+    EXPECT_DEATH(empty.allBackToPools(guard),
+                 at("110", "dbgInvariant()", "Fifo::allBackToPools(quorvil::sync::Guard&)"));
 }
 
 } // namespace

@@ -12,7 +12,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -143,42 +142,34 @@ TEST(WaitCond, TimesOutWithTheMutexHeldAndKeepsNoSignalForALaterWait)
     EXPECT_TRUE(isFree(mutex));
 }
 
-TEST(WaitCond, SignalWakesOneAndBroadcastAllWithTheMutexHeldByEachInTurn)
+TEST(WaitCond, WakesTimedAndUntimedWaitsWithTheMutexHeldByEachInTurn)
 {
-    constexpr int threads = 4;
     RecursiveMutex mutex;
     WaitCond cond;
-    WaitCond changed;
-    int waiting = 0;
-    int released = 0;
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < threads; ++i)
-        waiters.emplace_back([&, timed = i % 2 == 0] {
-            Lock lock(mutex);
-            ++waiting;
-            changed.signal();
-            // A monotonic deadline would long have passed on the wall clock.
-            while (released == 0)
-                timed ? lock.timedwait(cond, inSeconds(3600)) : lock.wait(cond);
-            --released;
-            --waiting;
-            changed.signal();
-        });
-    {
+    bool released = false;
+    int woken = 0;
+    const auto wait = [&](const std::function<void(Lock&)>& waitOnce) {
         Lock lock(mutex);
-        while (waiting < threads)
-            lock.wait(changed);
-        released = 1;
-        cond.signal();
-        while (waiting == threads)
-            lock.wait(changed);
-        EXPECT_EQ(waiting, threads - 1);
-        released = threads - 1;
+        while (!released)
+            waitOnce(lock);
+        EXPECT_FALSE(isFree(mutex));
+        ++woken;
+    };
+    pthread_cond_waitFault.calls = 0;
+    pthread_cond_timedwaitFault.calls = 0;
+    std::thread untimed(wait, [&](Lock& lock) { lock.wait(cond); });
+    // A monotonic deadline would long have passed on the wall clock.
+    std::thread timed(wait, [&](Lock& lock) { lock.timedwait(cond, inSeconds(3600)); });
+    support::awaitCalls(pthread_cond_waitFault, 1);
+    support::awaitCalls(pthread_cond_timedwaitFault, 1);
+    {
+        const Lock lock(mutex);
+        released = true;
         cond.broadcast();
     }
-    for (std::thread& waiter : waiters)
-        waiter.join();
-    EXPECT_EQ(waiting, 0);
+    untimed.join();
+    timed.join();
+    EXPECT_EQ(woken, 2);
 }
 
 } // namespace
