@@ -8,8 +8,31 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace {
+
+/// What is written while threads of these names wait at the gate, `waits` times in all, until it opens.
+std::string linesOf(util::InitCondVar& gate, const std::vector<const char*>& names, int waits)
+{
+    bool initialized = false;
+    std::vector<std::thread> threads;
+    pthread_cond_waitFault.calls = 0;
+    testing::internal::CaptureStderr();
+    for (const char* const name : names)
+        threads.emplace_back([&, name] {
+            gate.waitUntilInitialized(name);
+            EXPECT_TRUE(initialized);
+        });
+    support::awaitCalls(pthread_cond_waitFault, waits);
+    initialized = true;
+    gate.setInitialized();
+    for (std::thread& thread : threads)
+        thread.join();
+    gate.setInitialized();
+    gate.waitUntilInitialized("nobody");
+    return testing::internal::GetCapturedStderr();
+}
 
 const std::string heldA = "a is being blocked until motor has been initialized!\n";
 const std::string heldB = "b is being blocked until motor has been initialized!\n";
@@ -17,55 +40,11 @@ const std::string heldB = "b is being blocked until motor has been initialized!\
 TEST(InitCondVar, HoldsThreadsWithOneLineEachUntilItOpensForGood)
 {
     util::InitCondVar gate("motor");
-    int value = 0;
-    pthread_cond_waitFault.calls = 0;
-    testing::internal::CaptureStderr();
-    std::thread a([&] {
-        gate.waitUntilInitialized("a");
-        EXPECT_EQ(value, 1);
-    });
-    std::thread b([&] {
-        gate.waitUntilInitialized("b");
-        EXPECT_EQ(value, 1);
-    });
-    support::awaitCalls(pthread_cond_waitFault, 2);
-    value = 1;
-    gate.setInitialized();
-    a.join();
-    b.join();
-    gate.setInitialized();
-    gate.waitUntilInitialized("nobody");
-    const std::string lines = testing::internal::GetCapturedStderr();
+    const std::string lines = linesOf(gate, {"a", "b"}, 2);
     EXPECT_TRUE(lines == heldA + heldB || lines == heldB + heldA) << lines;
 }
 
-TEST(InitCondVar, RepeatsTheLineAtAWakeUpWhileItIsClosed)
-{
-    util::InitCondVar gate("motor");
-    testing::internal::CaptureStderr();
-    const support::FaultScope wakesAtOnce(pthread_cond_waitFault, 0, 0, 1, 2);
-    std::thread waiter([&] { gate.waitUntilInitialized("a"); });
-    support::awaitCalls(pthread_cond_waitFault, 3);
-    gate.setInitialized();
-    waiter.join();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), heldA + heldA + heldA);
-}
-
-TEST(InitCondVar, WithoutTheWaitersNameLosesTheLineAndHoldsAllTheSame)
-{
-    util::InitCondVar gate("motor");
-    pthread_cond_waitFault.calls = 0;
-    testing::internal::CaptureStderr();
-    std::thread waiter([&] { gate.waitUntilInitialized(nullptr); });
-    support::awaitCalls(pthread_cond_waitFault, 1);
-    gate.setInitialized();
-    waiter.join();
-    EXPECT_TRUE(std::cerr.bad());
-    std::cerr.clear();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST(InitCondVar, PassesTheFailureOfItsMutexOnAndStaysClosed)
+TEST(InitCondVar, StaysClosedUnderFailuresAndRepeatsTheLineAtAWakeUp)
 {
     util::InitCondVar gate("motor");
     {
@@ -73,13 +52,16 @@ TEST(InitCondVar, PassesTheFailureOfItsMutexOnAndStaysClosed)
         EXPECT_THROW(gate.setInitialized(), std::system_error);
         EXPECT_THROW(gate.waitUntilInitialized("a"), std::system_error);
     }
-    pthread_cond_waitFault.calls = 0;
-    testing::internal::CaptureStderr();
-    std::thread waiter([&] { gate.waitUntilInitialized("a"); });
-    support::awaitCalls(pthread_cond_waitFault, 1);
-    gate.setInitialized();
-    waiter.join();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), heldA);
+    const support::FaultScope wakesAtOnce(pthread_cond_waitFault, 0, 0, 1, 2);
+    EXPECT_EQ(linesOf(gate, {"a"}, 3), heldA + heldA + heldA);
+}
+
+TEST(InitCondVar, WithoutTheWaitersNameLosesTheLineAndHoldsAllTheSame)
+{
+    util::InitCondVar gate("motor");
+    EXPECT_EQ(linesOf(gate, {nullptr}, 1), "");
+    EXPECT_TRUE(std::cerr.bad());
+    std::cerr.clear();
 }
 
 } // namespace

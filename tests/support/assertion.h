@@ -20,12 +20,13 @@ inline std::string literal(const std::string& text)
     return result;
 }
 
-/// The whole line of an assertion, whatever its line number:
+/// The whole line of an assertion, by default whatever its line number:
 /// `EXPECT_DEATH(heap.alloc(9), support::assertion("Quorvil/X", "void X::f()", "a == b"))`. An empty `function` is any:
 /// for templates, whose signatures each compiler writes in its own way.
-inline std::string assertion(const std::string& file, const std::string& function, const std::string& expression)
+inline std::string assertion(const std::string& file, const std::string& function, const std::string& expression,
+                             const std::string& line = "[0-9]+")
 {
-    return ": " + literal(file) + ":[0-9]+: " + (function.empty() ? ".*" : literal(function)) + ": Assertion `" +
+    return ": " + literal(file) + ":" + line + ": " + (function.empty() ? ".*" : literal(function)) + ": Assertion `" +
            literal(expression) + "' failed\\.\n";
 }
 

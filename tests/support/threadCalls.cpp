@@ -10,13 +10,6 @@ constinit thread_local bool triesOnly = false;
 constinit thread_local bool taken = false;
 constinit std::atomic<support::WallClock*> wallClock{nullptr};
 
-SUPPORT_UNINSTRUMENTED int tryLock(pthread_mutex_t* mutex)
-{
-    const int error = pthread_mutex_trylock(mutex);
-    taken = taken || error != 0;
-    return error;
-}
-
 } // namespace
 
 #define CALL(function, parameters, arguments, qualifier)                                                               \
@@ -59,8 +52,11 @@ __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int pthread_mutex_
     const support::Call call(pthread_mutex_lockFault);
     if (pthread_mutex_lockFault.strikes())
         return static_cast<int>(pthread_mutex_lockFault.result);
-    if (triesOnly)
-        return tryLock(mutex);
+    if (triesOnly) {
+        const int error = pthread_mutex_trylock(mutex);
+        taken = taken || error != 0;
+        return error;
+    }
     if (!realFunction)
         realFunction = support::real<int (*)(pthread_mutex_t*)>("pthread_mutex_lock");
     return realFunction(mutex);
@@ -69,11 +65,9 @@ __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int pthread_mutex_
 __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int clock_gettime(clockid_t clock, timespec* now) noexcept
 {
     static int (*realFunction)(clockid_t, timespec*) = nullptr;
-    support::WallClock* const fake = clock == CLOCK_REALTIME ? wallClock.load() : nullptr;
-    if (fake) {
+    if (support::WallClock* const fake = clock == CLOCK_REALTIME ? wallClock.load() : nullptr) {
         const int64_t nanoseconds = fake->next();
-        now->tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
-        now->tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+        *now = {static_cast<time_t>(nanoseconds / 1'000'000'000), static_cast<long>(nanoseconds % 1'000'000'000)};
         return 0;
     }
     if (!realFunction)
