@@ -1,6 +1,7 @@
 #include "PrintRun.h"
 
 #include "Composer.h"
+#include "Interrupt.h"
 #include "JobReader.h"
 #include "PbmFile.h"
 #include "PngFile.h"
@@ -94,8 +95,10 @@ void show(const std::string& path, const std::string& out)
     const Page page = readRunLengths(path);
     if (out.empty()) {
         std::cout << pbmHeader(page.image);
-        std::cout.write(reinterpret_cast<const char*>(page.image.bytes().data()),
-                        static_cast<std::streamsize>(page.image.bytes().size()));
+        for (int y = 0; y < page.image.height(); ++y) {
+            stopIfInterrupted("the picture is cut off");
+            std::cout.write(reinterpret_cast<const char*>(page.image.row(y)), page.image.bytesPerRow());
+        }
         return;
     }
     ResultFiles results;

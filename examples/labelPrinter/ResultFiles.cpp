@@ -1,6 +1,7 @@
 #include "ResultFiles.h"
 
 #include "Failure.h"
+#include "Interrupt.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -78,6 +79,7 @@ void ResultFile::writeUint8(uint8_t byte)
 
 void ResultFile::flush()
 {
+    stopIfInterrupted();
     for (size_t done = 0; done < buffer.size();) {
         const ssize_t written = ::write(descriptor, buffer.data() + done, buffer.size() - done);
         if (written < 0 && errno != EINTR)
@@ -142,6 +144,7 @@ ResultFile ResultFiles::create(const std::string& target)
 
 void ResultFiles::keep()
 {
+    stopIfInterrupted();
     for (; kept < results.size(); ++kept) {
         const Result& result = results[kept];
         if (std::rename(result.temporary.c_str(), result.target.c_str()) != 0)

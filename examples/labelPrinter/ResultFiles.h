@@ -34,6 +34,8 @@ public:
     void writeUint8(uint8_t byte) override;
 
     /// Hands what is collected to the system.
+    ///
+    /// @throws Failure  it cannot be written, or the user breaks off
     void flush() override;
 
     /// Makes the file empty again.
