@@ -592,6 +592,8 @@ TEST_F(LabelPrinter, TellsItsProgressAndStopsWithoutATraceWhenItIsInterrupted)
         {"page 2000 2000\npages 9999\nfill 0 0 2000 2000", "page %d of 9999 after %lf s"},
         // Nothing is drawn: the time goes into the results.
         {"page 2000 2000\npages 9999", "page %d of 9999 after %lf s"},
+        // One page that takes long to draw.
+        {"page 2000 2000\nrepeat 1000 1000 0 0 invert 0 0 2000 2000", "page %d of 1, %*d %% drawn, after %lf s"},
     };
     for (const auto& row : rows) {
         put(job(), row.text);

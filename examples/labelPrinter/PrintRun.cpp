@@ -69,8 +69,8 @@ void print(const std::string& jobPath, const std::string& out)
     for (const auto& [path, image] : job.images)
         results.protect(path);
 
-    Composer composer(job);
     Progress progress(job.pages);
+    Composer composer(job, progress);
     for (int page = 1; page <= job.pages; ++page) {
         progress.beginComposing();
         const Image& image = composer.compose(page);
