@@ -577,9 +577,34 @@ TEST_F(LabelPrinter, LeavesTheFolderAsItWasWhenItCannotWrite)
 
     const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
     outcome = finish(start({"--show", out("a-0001.qrl")}, full, [] { return true; }));
-    close(full);
     EXPECT_EQ(outcome.code, 1);
     EXPECT_EQ(outcome.err, "labelPrinter: the standard output cannot be written\n");
+    put(job(), "page 8 8");
+    outcome = finish(start({job(), "-o", out("late")}, full, [] { return true; }));
+    close(full);
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(outcome.err, "labelPrinter: the standard output cannot be written; all results are in place\n");
+    EXPECT_EQ(results().size(), 9U);
+}
+
+TEST_F(LabelPrinter, TellsHowManyResultsAreInPlaceWhenARenameFails)
+{
+    auto outcome = [&](const std::vector<std::string>& names, const std::string& inTheWay) -> std::string {
+        labelPrinter::ResultFiles files;
+        for (const std::string& name : names)
+            files.create(out(name)).finish();
+        fs::create_directory(out(inTheWay));
+        try {
+            files.keep();
+            return "kept";
+        } catch (const labelPrinter::Failure& failure) {
+            return failure.what();
+        }
+    };
+    EXPECT_EQ(outcome({"a", "b"}, "a"), out("a").string() + ": Is a directory");
+    EXPECT_EQ(results(), std::set<std::string>({"a"}));
+    EXPECT_EQ(outcome({"b", "c", "d", "e"}, "d"), out("d").string() + ": Is a directory; 2 of 4 results are in place");
+    EXPECT_EQ(results(), std::set<std::string>({"a", "b", "c", "d"}));
 }
 
 TEST_F(LabelPrinter, TellsItsProgressAndStopsWithoutATraceWhenItIsInterrupted)

@@ -1,6 +1,7 @@
 #include "PrintRun.h"
 
 #include "Composer.h"
+#include "Failure.h"
 #include "Interrupt.h"
 #include "JobReader.h"
 #include "PbmFile.h"
@@ -81,6 +82,8 @@ void print(const std::string& jobPath, const std::string& out)
         writeRunLengthResult(image, job.dotsPerInch, name, results);
         progress.pageDone(page);
     }
+    if (!std::cout)
+        throw Failure("the standard output cannot be written");
     results.keep();
 
     const std::string last = job.pages == 1 ? "" : " to " + resultName(out, job.pages, job.pages);
@@ -88,6 +91,8 @@ void print(const std::string& jobPath, const std::string& out)
              << (job.pages == 1 ? " page of " : " pages of ") << job.width << " x " << job.height
              << " pixels, composed in " << inMilliseconds(progress.composing()) << ", all done in "
              << progress.sinceBegin().toShortString() << " s" << std::endl;
+    if (!std::cout)
+        throw Failure("the standard output cannot be written; all results are in place");
 }
 
 void show(const std::string& path, const std::string& out)

@@ -142,16 +142,27 @@ ResultFile ResultFiles::create(const std::string& target)
     return ResultFile(temporary, target);
 }
 
+std::string ResultFiles::inPlace() const
+{
+    return kept == 0 ? ""
+                     : "; " + std::to_string(kept) + " of " + std::to_string(results.size()) + " results are in place";
+}
+
 void ResultFiles::keep()
 {
     stopIfInterrupted();
     for (; kept < results.size(); ++kept) {
         const Result& result = results[kept];
         if (std::rename(result.temporary.c_str(), result.target.c_str()) != 0)
-            throw systemFailure(result.target, errno);
+            throw Failure(systemFailure(result.target, errno).what() + inPlace());
     }
-    if (!results.empty())
+    if (results.empty())
+        return;
+    try {
         syncFolderOf(results.back().target);
+    } catch (const Failure& failure) {
+        throw Failure(failure.what() + inPlace());
+    }
 }
 
 } // namespace labelPrinter
