@@ -399,11 +399,16 @@ TEST_F(LabelPrinter, TellsFileAndLineOfAFaultInTheJob)
         {"# nothing\n", "2: the job has no 'page WIDTH HEIGHT'"},
         {"dpi 600\npage 8 8", "1: 'page WIDTH HEIGHT' must come first"},
         {"page 8 8\npage 8 8", "2: a second 'page'"},
+        {"page 8 8\ndpi 600\n\ndpi 600", "4: a second 'dpi'"},
+        {"page 8 8\npages 2\npages 3", "3: a second 'pages'"},
+        {std::string("page 8 8\nimage good.pbm\0x 0 0", 29), "2: the line holds a NUL byte"},
         {"page 8", "1: expected 'page WIDTH HEIGHT'"},
         {"page 8 8 8", "1: expected 'page WIDTH HEIGHT'"},
         {"page 20001 8", "1: WIDTH is not between 1 and 20000: '20001'"},
         {"page 8 0", "1: HEIGHT is not between 1 and 20000: '0'"},
         {"page 8 18446744073709551624", "1: HEIGHT is not between 1 and 20000: '18446744073709551624'"},
+        {"page 8 000000000000000020001", "1: HEIGHT is not between 1 and 20000: '000000000000000020001'"},
+        {"page 8 -000000000000000000008", "1: HEIGHT is not between 1 and 20000: '-000000000000000000008'"},
         {"page 8 0x10000000000000008", "1: HEIGHT is not between 1 and 20000: '0x10000000000000008'"},
         {"page -99999999999999999999 8", "1: WIDTH is not between 1 and 20000: '-99999999999999999999'"},
         {"page 0x1g 8", "1: WIDTH is no number: '0x1g'"},
@@ -433,6 +438,9 @@ TEST_F(LabelPrinter, TellsFileAndLineOfAFaultInTheJob)
         {"page 8 8\nimage good.pbm 0 0 0 -1 3 1", "2: the part does not lie inside the picture of 3 x 2 pixels"},
         {"page 8 8\nimage none.pbm 0 0", "2: " + directory + "/none.pbm: No such file or directory"},
         {"page 8 8\nimage \"no ne\" 0 0", "2: " + directory + "/no ne: No such file or directory"},
+        {"page 8 8\nimage \"\" 0 0", "2: the picture's name is empty"},
+        {"page 8 8\nimage \x1B[1m\xC2\x9B\xC3\x84\x7F 0 0",
+         "2: " + directory + "/?[1m?\xC3\x84?: No such file or directory"},
         {"page 8 8\nimage . 0 0", "2: " + directory + "/.: Is a directory"},
         {"page 8 8\nimage /dev/null 0 0", "2: /dev/null: no PBM picture (it does not begin with P1 or P4)"},
         {"page 8 8\nserial good.pbm 0 0 1", "2: a strip of 10 cells cannot be 3 pixels wide"},
@@ -491,8 +499,9 @@ TEST_F(LabelPrinter, ReadsThePbmFormatAsItIs)
             expectFailure(run({job(), "-o", out()}), job().string() + ":2: " + picture + ": " + row.message);
             continue;
         }
-        put(job(),
-            "page " + std::to_string(row.rows[0].size()) + " " + std::to_string(row.rows.size()) + "\nimage p 0 0");
+        // Ahead of it a byte order mark and more zeros than a number has digits.
+        put(job(), "\xEF\xBB\xBFpage 00000000000000000000" + std::to_string(row.rows[0].size()) +
+                       " 0x00000000000000000000" + std::to_string(row.rows.size()) + "\nimage p 0 0");
         EXPECT_EQ(run({job(), "-o", out()}).code, 0);
         EXPECT_EQ(readPbm(out("a.pbm")), row.rows);
         for (const std::string& name : results())
@@ -513,6 +522,7 @@ TEST_F(LabelPrinter, KnowsItsCommandLine)
         {{}, 2, "", "labelPrinter: one job is needed\nusage: "},
         {{"-o", out()}, 2, "", "labelPrinter: one job is needed\nusage: "},
         {{name}, 2, "", "labelPrinter: -o OUT is needed\nusage: "},
+        {{"", "-o", out()}, 2, "", "labelPrinter: one job is needed\nusage: "},
         {{name, name, "-o", out()}, 2, "", "labelPrinter: one job is needed\nusage: "},
         {{name, "-o"}, 2, "", "labelPrinter: an option misses its word\nusage: "},
         {{name, "-o", ""}, 2, "", "labelPrinter: an option needs the name of a file\nusage: "},
