@@ -1,6 +1,7 @@
 #include "Composer.h"
 
 #include "Interrupt.h"
+#include "Progress.h"
 
 #include <algorithm>
 
@@ -17,30 +18,42 @@ Rect shifted(const Rect& area, int x, int y)
 
 } // namespace
 
-Composer::Composer(Job& theJob)
+Composer::Composer(Job& theJob, Progress& theProgress)
     : job(theJob)
+    , progress(theProgress)
     , page(job.width, job.height)
     , canvas(page.bitmap())
     , ink(job.width, inkRows)
     , clipped{0, 0, job.width, job.height}
 {
     ink.invert({0, 0, job.width, inkRows});
+    for (const Statement& statement : job.statements)
+        copies += int64_t{statement.repeat.rows} * statement.repeat.columns;
 }
 
 const Image& Composer::compose(int number)
 {
     pageNumber = number;
+    copiesDrawn = 0;
     page.clear();
     draw(Unclip());
     for (const Statement& statement : job.statements)
         for (int row = 0; row < statement.repeat.rows; ++row)
             for (int column = 0; column < statement.repeat.columns; ++column) {
-                stopIfInterrupted();
                 shiftX = column * statement.repeat.stepX;
                 shiftY = row * statement.repeat.stepY;
                 std::visit([this](const auto& drawing) { draw(drawing); }, statement.drawing);
+                copyDone();
             }
     return page;
+}
+
+void Composer::copyDone()
+{
+    stopIfInterrupted();
+    // The clock takes as long as a small copy does; even the largest take less than a second together.
+    if (++copiesDrawn % 16 == 0)
+        progress.copiesDone(pageNumber, copiesDrawn, copies);
 }
 
 void Composer::draw(const Clip& clip)

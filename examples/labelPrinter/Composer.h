@@ -7,13 +7,18 @@
 
 #include "Quorvil/Bitmaps.h"
 
+#include <cstdint>
+
 namespace labelPrinter {
+
+class Progress;
 
 /// Draws one page after the other into the same memory. The job must outlive it.
 class Composer
 {
 public:
-    explicit Composer(Job& job);
+    /// @param progress  is told how far a page is that takes long
+    Composer(Job& job, Progress& progress);
     Composer(const Composer&) = delete;
     Composer& operator=(const Composer&) = delete;
 
@@ -24,6 +29,8 @@ public:
     const Image& compose(int number);
 
 private:
+    /// Stands between two copies: stops where the user breaks off, and tells the progress.
+    void copyDone();
     void draw(const Clip& clip);
     void draw(const Unclip&);
     void draw(const Fill& fill);
@@ -32,6 +39,7 @@ private:
     void draw(const Serial& serial);
 
     Job& job;
+    Progress& progress;
     Image page;
     bmp::Bitmap canvas;
     /// Black rows, as wide as the page.
@@ -39,6 +47,8 @@ private:
     /// The canvas's clip rectangle.
     Rect clipped;
     int pageNumber = 0;
+    /// Of all statements of a page.
+    int64_t copies = 0, copiesDrawn = 0;
     /// How far the copy being drawn stands from the first one.
     int shiftX = 0, shiftY = 0;
 };

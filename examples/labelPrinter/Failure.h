@@ -3,6 +3,7 @@
 #ifndef LABELPRINTER_FAILURE_H
 #define LABELPRINTER_FAILURE_H
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -15,6 +16,18 @@ class Failure : public std::runtime_error
 public:
     using std::runtime_error::runtime_error;
 };
+
+/// The text with a question mark for each control character: names of files may hold what drives a terminal.
+inline std::string printable(std::string text)
+{
+    for (size_t i = 0; i < text.size(); ++i) {
+        // Beside those of ASCII there are 32 that UTF-8 writes in two bytes.
+        const bool pair = text[i] == '\xC2' && i + 1 < text.size() && (text[i + 1] & 0xE0) == 0x80;
+        if (pair || static_cast<unsigned char>(text[i]) < ' ' || text[i] == '\x7F')
+            text.replace(i, pair ? 2 : 1, 1, '?');
+    }
+    return text;
+}
 
 /// A failed call of the system: the file's name and the system's words for `errorNumber`.
 inline Failure systemFailure(const std::string& path, int errorNumber)

@@ -36,10 +36,10 @@ void watchInterrupts()
     sigaction(SIGXFSZ, &action, nullptr);
 }
 
-void stopIfInterrupted()
+void stopIfInterrupted(const char* outcome)
 {
     if (interrupted != 0)
-        throw Failure("interrupted, nothing was written");
+        throw Failure(std::string("interrupted, ") + outcome);
 }
 
 } // namespace labelPrinter

@@ -7,11 +7,13 @@ namespace labelPrinter {
 
 /// From now on SIGINT, SIGTERM and SIGHUP are noted instead of ending the process, a reader of our output that goes
 /// away (SIGPIPE) and a file that grows too large (SIGXFSZ) show as failed writes. The same signal a second time ends
-/// the process at once. Call it once, first.
+/// the process at once, and leaves temporary files behind. Call it once, first.
 void watchInterrupts();
 
 /// Throws a `Failure` when one of the noted signals has come, so that everything half done is taken back.
-void stopIfInterrupted();
+///
+/// @param outcome  what the user is told beside that
+void stopIfInterrupted(const char* outcome = "nothing was written");
 
 } // namespace labelPrinter
 

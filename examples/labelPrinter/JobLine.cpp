@@ -10,15 +10,14 @@ namespace labelPrinter {
 namespace {
 
 constexpr size_t longestQuote = 60;
-constexpr size_t longestHexadecimal = 17;
-constexpr size_t longestDecimal = 1 + mostDigits;
+constexpr size_t mostHexadecimalDigits = 15;
 
 /// Whether `word` is a number in full. parseNum itself takes "" and "-" for 0, skips what is no digit behind "0x", and
 /// wraps where a number is too long; none of that can be meant in a job.
 bool isNumber(const std::string& word, int64_t& value)
 {
     const bool hexadecimal = word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X');
-    if (word.empty() || word == "-" || word.find('\0') != std::string::npos)
+    if (word.empty() || word == "-")
         return false;
     if (hexadecimal && word.find_first_not_of("0123456789abcdefABCDEF", 2) != std::string::npos)
         return false;
@@ -27,7 +26,8 @@ bool isNumber(const std::string& word, int64_t& value)
     } catch (const ParseException&) {
         return false;
     }
-    if (word.size() > (hexadecimal ? longestHexadecimal : longestDecimal))
+    const size_t significant = std::min(word.find_first_not_of('0', hexadecimal ? 2 : word[0] == '-'), word.size());
+    if (word.size() - significant > (hexadecimal ? mostHexadecimalDigits : mostDigits))
         value = word[0] == '-' ? INT64_MIN : INT64_MAX;
     return true;
 }
@@ -107,11 +107,7 @@ Failure JobLine::failure(const std::string& text) const
 
 std::string JobLine::quoted(const std::string& word)
 {
-    std::string text = word.size() > longestQuote ? word.substr(0, longestQuote) + "..." : word;
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7F')
-            c = '?';
-    return "'" + text + "'";
+    return "'" + (word.size() > longestQuote ? word.substr(0, longestQuote) + "..." : word) + "'";
 }
 
 } // namespace labelPrinter

@@ -52,7 +52,7 @@ public:
     /// What is wrong, with file and line before it.
     Failure failure(const std::string& text) const;
 
-    /// A word of the job, fit for a message: short, without control characters, between quotes.
+    /// A word of the job, fit for a message: short, between quotes.
     static std::string quoted(const std::string& word);
 
 private:

@@ -3,6 +3,7 @@
 #include "InputFile.h"
 #include "PbmFile.h"
 
+#include <string_view>
 #include <utility>
 
 namespace labelPrinter {
@@ -16,21 +17,23 @@ constexpr int64_t largestStep = 1000000;
 constexpr size_t longestLine = 4096;
 constexpr int mostLines = 100000;
 constexpr size_t mostImageBytes = size_t{256} << 20;
+/// What some editors put before the text of a UTF-8 file.
+constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 
 } // namespace
 
 constexpr JobReader::Word JobReader::wordTable[] = {
-    {"page", "page WIDTH HEIGHT", 2, 2, false, &JobReader::readPage},
-    {"dpi", "dpi DOTS", 1, 1, false, &JobReader::readDotsPerInch},
-    {"pages", "pages COUNT", 1, 1, false, &JobReader::readPages},
-    {"repeat", "repeat COLUMNS ROWS DX DY STATEMENT", 5, SIZE_MAX, false, &JobReader::readRepeat},
-    {"clip", "clip X Y WIDTH HEIGHT", 4, 4, false, &JobReader::readClip},
-    {"unclip", "unclip", 0, 0, false, &JobReader::readUnclip},
-    {"fill", "fill X Y WIDTH HEIGHT", 4, 4, true, &JobReader::readFill},
-    {"invert", "invert X Y WIDTH HEIGHT", 4, 4, true, &JobReader::readInvert},
-    {"image", "image FILE X Y [PARTX PARTY WIDTH HEIGHT]", 3, 7, true, &JobReader::readPicture},
-    {"serial", "serial STRIP X Y DIGITS [FIRST [STEP]]", 4, 6, true, &JobReader::readSerial},
-    {"serialPairs", "serialPairs STRIP X Y DIGITS [FIRST [STEP]]", 4, 6, true, &JobReader::readSerialPairs},
+    {"page", "page WIDTH HEIGHT", 2, 2, Use::once, &JobReader::readPage},
+    {"dpi", "dpi DOTS", 1, 1, Use::once, &JobReader::readDotsPerInch},
+    {"pages", "pages COUNT", 1, 1, Use::once, &JobReader::readPages},
+    {"repeat", "repeat COLUMNS ROWS DX DY STATEMENT", 5, SIZE_MAX, Use::often, &JobReader::readRepeat},
+    {"clip", "clip X Y WIDTH HEIGHT", 4, 4, Use::often, &JobReader::readClip},
+    {"unclip", "unclip", 0, 0, Use::often, &JobReader::readUnclip},
+    {"fill", "fill X Y WIDTH HEIGHT", 4, 4, Use::repeatable, &JobReader::readFill},
+    {"invert", "invert X Y WIDTH HEIGHT", 4, 4, Use::repeatable, &JobReader::readInvert},
+    {"image", "image FILE X Y [PARTX PARTY WIDTH HEIGHT]", 3, 7, Use::repeatable, &JobReader::readPicture},
+    {"serial", "serial STRIP X Y DIGITS [FIRST [STEP]]", 4, 6, Use::repeatable, &JobReader::readSerial},
+    {"serialPairs", "serialPairs STRIP X Y DIGITS [FIRST [STEP]]", 4, 6, Use::repeatable, &JobReader::readSerialPairs},
 };
 
 JobReader::JobReader(std::string path)
@@ -53,6 +56,11 @@ Job JobReader::read()
                 throw JobLine(jobPath, number, "").failure("the line is too long");
         }
         more = byte >= 0;
+        if (number == 1 && text.starts_with(byteOrderMark))
+            text.erase(0, byteOrderMark.size());
+        // In a file's name it would end the name.
+        if (text.find('\0') != std::string::npos)
+            throw JobLine(jobPath, number, "").failure("the line holds a NUL byte");
         JobLine line(jobPath, number, text);
         repeat = Repeat();
         if (line.wordsLeft() > 0)
@@ -73,8 +81,10 @@ void JobReader::readWord(JobLine& line, bool repeated)
             continue;
         if (job.width == 0 && word.read != &JobReader::readPage)
             throw line.failure("'page WIDTH HEIGHT' must come first");
-        if (repeated && !word.repeatable)
+        if (repeated && word.use != Use::repeatable)
             throw line.failure(JobLine::quoted(name) + " cannot be repeated");
+        if (word.use == Use::once && !told.insert(&word).second)
+            throw line.failure("a second " + JobLine::quoted(name));
         if (line.wordsLeft() < word.fewest || line.wordsLeft() > word.most)
             throw line.failure(std::string("expected '") + word.usage + "'");
         (this->*word.read)(line);
@@ -85,8 +95,6 @@ void JobReader::readWord(JobLine& line, bool repeated)
 
 void JobReader::readPage(JobLine& line)
 {
-    if (job.width != 0)
-        throw line.failure("a second 'page'");
     job.width = static_cast<int>(line.number("WIDTH", 1, longestSide));
     job.height = static_cast<int>(line.number("HEIGHT", 1, longestSide));
 }
@@ -200,6 +208,8 @@ void JobReader::checkSerials() const
 Image* JobReader::image(JobLine& line)
 {
     const std::string name = line.word();
+    if (name.empty())
+        throw line.failure("the picture's name is empty");
     const size_t slash = jobPath.rfind('/');
     const bool fromFolder = slash != std::string::npos && !name.starts_with('/');
     const std::string path = fromFolder ? jobPath.substr(0, slash + 1) + name : name;

@@ -7,6 +7,7 @@
 #include "JobLine.h"
 
 #include <cstddef>
+#include <set>
 #include <string>
 
 namespace labelPrinter {
@@ -25,13 +26,21 @@ public:
     Job read();
 
 private:
+    /// How often a job may have a word; what is repeatable may stand behind `repeat` as well.
+    enum class Use
+    {
+        once,
+        often,
+        repeatable
+    };
+
     /// One of the words that a line begins with, and how many words may follow it.
     struct Word
     {
         const char* name;
         const char* usage;
         size_t fewest, most;
-        bool repeatable;
+        Use use;
         void (JobReader::*read)(JobLine&);
     };
     static const Word wordTable[];
@@ -56,6 +65,8 @@ private:
 
     std::string jobPath;
     Job job;
+    /// The words that may come once and came.
+    std::set<const Word*> told;
     Repeat repeat;
     size_t imageBytes = 0;
 };

@@ -1,6 +1,8 @@
 #include "PrintRun.h"
 
 #include "Composer.h"
+#include "Failure.h"
+#include "Interrupt.h"
 #include "JobReader.h"
 #include "PbmFile.h"
 #include "PngFile.h"
@@ -68,8 +70,8 @@ void print(const std::string& jobPath, const std::string& out)
     for (const auto& [path, image] : job.images)
         results.protect(path);
 
-    Composer composer(job);
     Progress progress(job.pages);
+    Composer composer(job, progress);
     for (int page = 1; page <= job.pages; ++page) {
         progress.beginComposing();
         const Image& image = composer.compose(page);
@@ -80,6 +82,8 @@ void print(const std::string& jobPath, const std::string& out)
         writeRunLengthResult(image, job.dotsPerInch, name, results);
         progress.pageDone(page);
     }
+    if (!std::cout)
+        throw Failure("the standard output cannot be written");
     results.keep();
 
     const std::string last = job.pages == 1 ? "" : " to " + resultName(out, job.pages, job.pages);
@@ -87,6 +91,8 @@ void print(const std::string& jobPath, const std::string& out)
              << (job.pages == 1 ? " page of " : " pages of ") << job.width << " x " << job.height
              << " pixels, composed in " << inMilliseconds(progress.composing()) << ", all done in "
              << progress.sinceBegin().toShortString() << " s" << std::endl;
+    if (!std::cout)
+        throw Failure("the standard output cannot be written; all results are in place");
 }
 
 void show(const std::string& path, const std::string& out)
@@ -94,8 +100,10 @@ void show(const std::string& path, const std::string& out)
     const Page page = readRunLengths(path);
     if (out.empty()) {
         std::cout << pbmHeader(page.image);
-        std::cout.write(reinterpret_cast<const char*>(page.image.bytes().data()),
-                        static_cast<std::streamsize>(page.image.bytes().size()));
+        for (int y = 0; y < page.image.height(); ++y) {
+            stopIfInterrupted("the picture is cut off");
+            std::cout.write(reinterpret_cast<const char*>(page.image.row(y)), page.image.bytesPerRow());
+        }
         return;
     }
     ResultFiles results;

@@ -11,13 +11,15 @@ namespace labelPrinter {
 /// the page's number behind it when there are several. It tells on the standard output how far it is, once a second,
 /// and how long it took.
 ///
-/// @throws Failure  anything went wrong; the folder of `out` is then as it was
+/// @throws Failure  anything went wrong. The folder of `out` is then as it was, unless it was the last steps that went
+///                  wrong: renaming, bringing the folder onto the disk, printing the summary. The text tells these.
 void print(const std::string& jobPath, const std::string& out);
 
 /// Turns a run-length file back into a picture.
 ///
 /// @param out  name of the results `out`.pbm and `out`.png; when it is empty, PBM goes to the standard output
-/// @throws Failure  anything went wrong; nothing was written
+/// @throws Failure  anything went wrong; the folder of `out` is then as with `print`, and the standard output may have
+///                  got a part of the picture
 void show(const std::string& path, const std::string& out);
 
 } // namespace labelPrinter

@@ -46,12 +46,23 @@ void Progress::endComposing()
 
 void Progress::pageDone(int page)
 {
+    tell(page, "");
+}
+
+void Progress::copiesDone(int page, int64_t done, int64_t all)
+{
+    tell(page, ", " + std::to_string(done * 100 / all) + " % drawn,");
+}
+
+void Progress::tell(int page, const std::string& state)
+{
     const util::TimeSpec time = now();
     if (time < nextLine)
         return;
     nextLine = time;
     nextLine += oneSecond();
-    safeCout << "page " << page << " of " << pages << " after " << sinceBegin().toShortString() << " s" << std::endl;
+    safeCout << "page " << page << " of " << pages << state << " after " << sinceBegin().toShortString() << " s"
+             << std::endl;
 }
 
 const util::TimeSpec& Progress::composing() const

@@ -5,6 +5,9 @@
 
 #include "Quorvil/TimeSpec.h"
 
+#include <cstdint>
+#include <string>
+
 namespace labelPrinter {
 
 /// Measures a job from its construction on, and tells on the standard output how far the job is: nothing in the
@@ -21,10 +24,16 @@ public:
     /// Tells that a page is done, when the last line is a second old.
     void pageDone(int page);
 
+    /// Tells that `done` of the `all` copies on a page are drawn, when the last line is a second old.
+    void copiesDone(int page, int64_t done, int64_t all);
+
     const util::TimeSpec& composing() const;
     util::TimeSpec sinceBegin() const;
 
 private:
+    /// Tells the page, what is known about it, and the time.
+    void tell(int page, const std::string& state);
+
     int pages;
     util::TimeSpec begin;
     util::TimeSpec nextLine;

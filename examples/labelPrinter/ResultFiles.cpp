@@ -1,6 +1,7 @@
 #include "ResultFiles.h"
 
 #include "Failure.h"
+#include "Interrupt.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -78,6 +79,7 @@ void ResultFile::writeUint8(uint8_t byte)
 
 void ResultFile::flush()
 {
+    stopIfInterrupted();
     for (size_t done = 0; done < buffer.size();) {
         const ssize_t written = ::write(descriptor, buffer.data() + done, buffer.size() - done);
         if (written < 0 && errno != EINTR)
@@ -140,15 +142,27 @@ ResultFile ResultFiles::create(const std::string& target)
     return ResultFile(temporary, target);
 }
 
+std::string ResultFiles::inPlace() const
+{
+    return kept == 0 ? ""
+                     : "; " + std::to_string(kept) + " of " + std::to_string(results.size()) + " results are in place";
+}
+
 void ResultFiles::keep()
 {
+    stopIfInterrupted();
     for (; kept < results.size(); ++kept) {
         const Result& result = results[kept];
         if (std::rename(result.temporary.c_str(), result.target.c_str()) != 0)
-            throw systemFailure(result.target, errno);
+            throw Failure(systemFailure(result.target, errno).what() + inPlace());
     }
-    if (!results.empty())
+    if (results.empty())
+        return;
+    try {
         syncFolderOf(results.back().target);
+    } catch (const Failure& failure) {
+        throw Failure(failure.what() + inPlace());
+    }
 }
 
 } // namespace labelPrinter

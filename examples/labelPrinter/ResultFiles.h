@@ -34,6 +34,8 @@ public:
     void writeUint8(uint8_t byte) override;
 
     /// Hands what is collected to the system.
+    ///
+    /// @throws Failure  it cannot be written, or the user breaks off
     void flush() override;
 
     /// Makes the file empty again.
@@ -71,7 +73,9 @@ public:
 
     /// Puts all results in their places (`rename`, then `fsync` of the folder).
     ///
-    /// @throws Failure  one cannot be renamed; those before it stand in their places, whole
+    /// @throws Failure  the user broke off, or the first cannot be renamed: the folder is as it was; a later one cannot
+    ///                  be renamed, or the folder cannot be brought onto the disk: those that could be renamed stand
+    ///                  in their places, whole, and the text says how many
     void keep();
 
 private:
@@ -88,6 +92,7 @@ private:
     };
 
     void checkPlace(const std::string& target) const;
+    std::string inPlace() const;
 
     std::vector<Result> results;
     std::vector<Identity> protectedFiles;

@@ -74,7 +74,33 @@ void writeNumber(BitOutputStream& bits, int number)
         bits.write(0, significant - 1, value);
 }
 
-int readNumber(BitInputStream& bits)
+/// Counts the bits that are read, to find what is left of the last byte.
+class Fields
+{
+public:
+    explicit Fields(IByteInputStream& bytes)
+        : bits(BitInputStream::create(bytes))
+    {
+    }
+
+    uint32_t read(int count)
+    {
+        used = (used + static_cast<unsigned>(count)) % 8;
+        return bits->read(count);
+    }
+
+    /// Whether the byte that was begun has only zeros left.
+    bool endsInZeros()
+    {
+        return used == 0 || bits->read(static_cast<int>(8 - used)) == 0;
+    }
+
+private:
+    std::shared_ptr<BitInputStream> bits;
+    unsigned used = 0;
+};
+
+int readNumber(Fields& bits)
 {
     const auto significant = static_cast<int>(bits.read(4));
     if (significant < 2)
@@ -91,7 +117,7 @@ int equalRowsBelow(const Image& image, int y)
     return below - y - 1;
 }
 
-void readRow(BitInputStream& bits, const std::string& path, Image& image, int y)
+void readRow(Fields& bits, const std::string& path, Image& image, int y)
 {
     bool black = false;
     for (int x = 0; x < image.width(); black = !black) {
@@ -131,25 +157,27 @@ void writeRunLengths(const Image& image, int dotsPerInch, ResultFile& file)
 Page readRunLengths(const std::string& path)
 {
     InputFile file(path);
-    const std::shared_ptr<BitInputStream> bits = BitInputStream::create(file);
-    if (bits->read(32) != magicAndVersion)
+    Fields bits(file);
+    if (bits.read(32) != magicAndVersion)
         throw Failure(path + ": no run-length file of this version (it does not begin with QRL and 1)");
-    const auto width = static_cast<int>(bits->read(16));
-    const auto height = static_cast<int>(bits->read(16));
-    const auto dotsPerInch = static_cast<int>(bits->read(16));
-    const uint32_t crc = bits->read(32);
+    const auto width = static_cast<int>(bits.read(16));
+    const auto height = static_cast<int>(bits.read(16));
+    const auto dotsPerInch = static_cast<int>(bits.read(16));
+    const uint32_t crc = bits.read(32);
     if (width < 1 || width > longestSide || height < 1 || height > longestSide || dotsPerInch < 1)
         throw Failure(path + ": the header tells a size that no page has");
     Page page{Image(width, height), dotsPerInch};
     for (int y = 0; y < height;) {
-        readRow(*bits, path, page.image, y);
-        const int equalRows = readNumber(*bits);
+        readRow(bits, path, page.image, y);
+        const int equalRows = readNumber(bits);
         if (equalRows > height - 1 - y)
             throw Failure(path + ": damaged in row " + std::to_string(y + 1));
         for (int below = y + 1; below <= y + equalRows; ++below)
             std::memcpy(page.image.row(below), page.image.row(y), static_cast<size_t>(page.image.bytesPerRow()));
         y += 1 + equalRows;
     }
+    if (!bits.endsInZeros())
+        throw Failure(path + ": the bits behind the last row are not 0");
     if (file.next() >= 0)
         throw Failure(path + ": the file goes on behind its last row");
     if (checksum(page.image, dotsPerInch) != crc)

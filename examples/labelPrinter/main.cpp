@@ -34,7 +34,7 @@ int wrongUsage(const char* why)
 
 int failed(const char* why)
 {
-    safeCerr << "labelPrinter: " << why << std::endl;
+    safeCerr << "labelPrinter: " << labelPrinter::printable(why) << std::endl;
     return exitFailed;
 }
 
@@ -67,7 +67,7 @@ int run(int argc, char** argv)
         labelPrinter::show(stored, out);
         return 0;
     }
-    if (optind != argc - 1)
+    if (optind != argc - 1 || *argv[optind] == '\0')
         return wrongUsage("one job is needed");
     if (out.empty())
         return wrongUsage("-o OUT is needed");

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Makes the pictures of the jobs in this folder, with public tools and the DejaVu fonts:
-#   apt-get install imagemagick zint netpbm fonts-dejavu-core fonts-dejavu-extra
+#   apt-get install imagemagick zint fonts-dejavu-core fonts-dejavu-extra
 # Everything is drawn for 600 dots an inch. Sender, recipient and carrier are invented.
 set -eu
 cd "$(dirname "$0")"
