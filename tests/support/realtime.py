@@ -22,7 +22,6 @@ EXCEPTIONS = {
     ("QuorvilFastAllocator.h", "deallocate"): "the counted containers call it",
     ("QuorvilInit.h", "Quorvil_constructor"): "the loader calls it, before there are threads",
     ("QuorvilPthread.h", "InternThread"): "it is made by constructors that allocate",
-    ("QuorvilPeriodicTimer.h", "~PeriodicTimer"): "its timer was made by a call that allocates",
     ("QuorvilTimeCollector.h", "tidyUpString"): "the counted deleters call it",
 }
 
