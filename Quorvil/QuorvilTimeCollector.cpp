@@ -3,10 +3,12 @@
 #include "Quorvil/QuorvilAssert.h"
 #include "Quorvil/QuorvilLog.h"
 
+#include <cerrno>
 #include <climits>
 #include <iomanip>
 #include <iostream>
 #include <stdexcept>
+#include <system_error>
 
 QUORVIL_LOG_GROUP("Quorvil");
 
@@ -269,6 +271,9 @@ void TimeCollectorPool::dump(Handle&& collector)
 
 void TimeCollectorPool::close()
 {
+    // Before the lock: whoever holds it may be waiting for this very thread.
+    if (printer.load() == std::this_thread::get_id())
+        throw std::system_error(EDEADLK, std::generic_category());
     const std::lock_guard lock(closing);
     if (!printing)
         return;
@@ -290,7 +295,29 @@ void TimeCollectorPool::returnUnprinted()
 
 void* TimeCollectorPool::threadFunc(void* arg)
 {
-    static_cast<TimeCollectorPool*>(arg)->threadRun();
+    // When the thread has ended, its id may become another thread's.
+    struct Announcement
+    {
+        explicit Announcement(std::atomic<std::thread::id>& place)
+            : printer(place)
+        {
+            printer = std::this_thread::get_id();
+        }
+
+        ~Announcement()
+        {
+            printer = std::thread::id();
+        }
+
+        Announcement(const Announcement&) = delete;
+        Announcement& operator=(const Announcement&) = delete;
+
+        std::atomic<std::thread::id>& printer;
+    };
+
+    auto* const pool = static_cast<TimeCollectorPool*>(arg);
+    const Announcement announcement(pool->printer);
+    pool->threadRun();
     return nullptr;
 }
 

@@ -21,6 +21,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -299,9 +300,11 @@ public:
 
     /// Ends the dump thread when it has printed everything queued, and waits for that. Any number of times, from any
     /// number of threads; each returns when the thread has ended. Not from the dump thread itself, that is, not from
-    /// within the stream.
+    /// within the stream: that would wait for itself.
     ///
-    /// @throws std::system_error  `EDEADLK`: called by the dump thread; the pool is closing, and another `close` waits
+    /// @throws std::system_error  `EDEADLK`: called by the dump thread; nothing has changed, and another `close`,
+    /// before
+    ///                            or after, ends the pool
     /// @threads any   @realtime waits
     void close();
 
@@ -336,9 +339,10 @@ private:
     Pool* pool;
     Queue* queue;
     Pthread thread;
-    size_t built;               // records that are constructed: all, unless the constructor was cut short
-    std::mutex closing;         // held by the one who joins the dump thread
-    std::atomic<bool> printing; // the dump thread is there
+    size_t built;                         // records that are constructed: all, unless the constructor was cut short
+    std::mutex closing;                   // held by the one who joins the dump thread
+    std::atomic<bool> printing;           // the dump thread is there
+    std::atomic<std::thread::id> printer; // the dump thread, as long as it runs
 };
 
 inline void TimeCollector::add(std::string_view name)

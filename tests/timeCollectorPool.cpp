@@ -136,6 +136,14 @@ void awaitThreadsOfTheProcess(size_t count)
         std::this_thread::yield();
 }
 
+/// Whether the thread sleeps, or has ended.
+bool isAtRest(pid_t thread)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    return thread != 0 && (!std::getline(stat, text) || text.find(") S ") != std::string::npos);
+}
+
 struct TimeCollectorPoolTest : testing::Test
 {
     Paper paper;
@@ -422,26 +430,34 @@ TEST_F(TimeCollectorPoolEnd, ClosersWaitTogetherAndTheClosedPoolReturnsRecordsUn
     EXPECT_EQ(paper.str(), printed("printing") + printed("queued"));
 }
 
-TEST_F(TimeCollectorPoolEnd, CloseFromWithinTheStreamIsRefusedAndAnotherCloseStillEndsThePool)
+TEST_F(TimeCollectorPoolEnd, CloseFromWithinTheStreamIsRefusedBeforeAndDuringAnotherCloseWhichEndsThePool)
 {
-    TimeCollectorPool* seen = nullptr;
-    int code = 0;
-    std::binary_semaphore asked(0);
-    paper.onWrite = [&] {
-        try {
-            seen->close();
-        } catch (const std::system_error& error) {
-            code = error.code().value();
+    for (const bool during : {false, true}) {
+        TimeCollectorPool* seen = nullptr;
+        int code = 0;
+        std::atomic<pid_t> closer{0};
+        std::binary_semaphore asked(0);
+        paper.str("");
+        paper.onWrite = [&] {
+            while (during && !isAtRest(closer))
+                std::this_thread::yield();
+            try {
+                seen->close();
+            } catch (const std::system_error& error) {
+                code = error.code().value();
+            }
             asked.release();
-        }
-    };
-    TimeCollectorPool pool(out, 0, subHeapSize, 1);
-    seen = &pool;
-    pool.dump(pool.get(0));
-    asked.acquire();
-    pool.close();
-    EXPECT_EQ(code, EDEADLK);
-    EXPECT_EQ(paper.str(), "TimeCollector: no entries\n");
+        };
+        TimeCollectorPool pool(out, 0, subHeapSize, 1);
+        seen = &pool;
+        pool.dump(pool.get(0));
+        if (!during)
+            asked.acquire();
+        closer = gettid();
+        pool.close();
+        EXPECT_EQ(code, EDEADLK);
+        EXPECT_EQ(paper.str(), "TimeCollector: no entries\n");
+    }
 }
 
 TEST_F(TimeCollectorPoolEnd, ARecordPassedToDumpDuringACloseIsPrintedOrGoesBack)
@@ -520,13 +536,7 @@ TEST_F(TimeCollectorPoolRealTime, TakesNoMemoryAndMakesNoSystemCallButTheWakeUp)
 
     // Once the dump thread sleeps in the queue, a dump makes the one call that wakes it.
     pool.dump(pool.get(0));
-    const auto asleep = [&] {
-        std::ifstream stat("/proc/self/task/" + std::to_string(dumpThread) + "/stat");
-        std::string text;
-        std::getline(stat, text);
-        return text.find(") S ") != std::string::npos && freeRecords(pool) == 4;
-    };
-    while (dumpThread == 0 || !asleep())
+    while (!isAtRest(dumpThread) || freeRecords(pool) != 4)
         std::this_thread::yield();
     paper.onWrite = hold;
     EXPECT_EQ(systemCalls(takeAndDump), wakeUp);
