@@ -1,7 +1,6 @@
 // What happens while the library is loaded and unloaded. This program is not linked with the library: a forked child
 // opens it, with the calls of its load sequence interposed.
 
-#include "Quorvil/Thread.h"
 #include "siblings/OvxLog/OvxLog.h"
 #include "tests/support/assertion.h"
 #include "tests/support/child.h"
@@ -9,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <dlfcn.h>
 #include <elf.h>
 #include <fstream>
@@ -176,7 +176,7 @@ TEST(Load, WithoutItsKeyTheLibraryStartsNoManagedThread)
             reinterpret_cast<void (*)(void*, int, int, int)>(dlsym(library, "_ZN4util15ThreadInternals5startEiii"));
         if (!current || !construct || !start || current() != nullptr)
             return;
-        alignas(util::ThreadInternals) char place[sizeof(util::ThreadInternals)];
+        alignas(std::max_align_t) static char place[4096]; // more than the object takes
         construct(place, nullptr, "thread");
         start(place, -1, -1, -1);
     });

@@ -9,6 +9,7 @@
 #include "tests/support/allocationCount.h"
 
 #include <gtest/gtest.h>
+#include <optional>
 
 namespace {
 
@@ -45,12 +46,11 @@ TEST(ThreadsAndTimers, TakeNoMemoryWhereARealTimeThreadMayCallThem)
     Handler handler;
     PollingThread polling(&handler, 1000);
     OpenTimer timer;
+    std::optional<Worker> worker;
     const support::AllocationCount count;
-    {
-        Worker worker; // NonLockingWaitThreadBase() starts nothing
-        worker.requestStop();
-        EXPECT_TRUE(worker.stopRequested() && worker.handler() == nullptr);
-    }
+    worker.emplace(); // NonLockingWaitThreadBase() starts nothing
+    worker->requestStop();
+    const bool stopped = worker->stopRequested() && worker->handler() == nullptr;
     polling.setInterval(2000);
     const quorvil::LinuxTimer linuxTimer; // LinuxTimer() makes no call
     timer.setCallback(nullptr);
@@ -59,7 +59,7 @@ TEST(ThreadsAndTimers, TakeNoMemoryWhereARealTimeThreadMayCallThem)
     const util::Thread* const current = util::Thread::current();
     const int state = body.getState();
     EXPECT_EQ(count.allocations() + count.releases(), 0U);
-    EXPECT_TRUE(callback == nullptr && current == nullptr && state == 0);
+    EXPECT_TRUE(stopped && callback == nullptr && current == nullptr && state == 0);
 }
 
 } // namespace

@@ -24,6 +24,9 @@ std::array<timespec, 16> support::pauses{};
 
 namespace {
 
+// Looked up before the tests begin: a look-up allocates.
+decltype(&pthread_create) realCreate = support::real<decltype(&pthread_create)>("pthread_create");
+
 struct Start
 {
     void* (*routine)(void*);
@@ -59,16 +62,17 @@ pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*rout
     }
     if (pthread_createFault.strikes())
         return static_cast<int>(pthread_createFault.result);
-    const auto create = support::real<decltype(&pthread_create)>("pthread_create");
+    if (!realCreate)
+        realCreate = support::real<decltype(&pthread_create)>("pthread_create");
     if (__atomic_load_n(&support::threadStart.before, __ATOMIC_SEQ_CST) != nullptr) {
         arg = new Start{routine, arg};
         routine = startBehindHook;
     }
     if (attributes == nullptr)
-        return create(thread, attributes, routine, arg);
+        return realCreate(thread, attributes, routine, arg);
     pthread_attr_t plain = *attributes;
     pthread_attr_setinheritsched(&plain, PTHREAD_INHERIT_SCHED);
-    return create(thread, &plain, routine, arg);
+    return realCreate(thread, &plain, routine, arg);
 }
 
 __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int nanosleep(const timespec* pause, timespec* rest)
