@@ -1,6 +1,7 @@
 #include "Composer.h"
 
 #include "Interrupt.h"
+#include "Trace.h"
 
 #include <algorithm>
 
@@ -9,6 +10,34 @@ namespace labelPrinter {
 namespace {
 
 constexpr int inkRows = 64;
+/// All bands of the longest page fit into the flight recorder.
+constexpr int bandRows = 256;
+
+/// The rows of a drawing that is not shifted.
+struct Rows
+{
+    int first, count;
+};
+
+Rows rowsOf(const Fill& fill)
+{
+    return {fill.area.y, fill.area.height};
+}
+
+Rows rowsOf(const Invert& invert)
+{
+    return {invert.area.y, invert.area.height};
+}
+
+Rows rowsOf(const Picture& picture)
+{
+    return {picture.y, picture.part.height};
+}
+
+Rows rowsOf(const Serial& serial)
+{
+    return {serial.y, serial.strip->height()};
+}
 
 Rect shifted(const Rect& area, int x, int y)
 {
@@ -22,7 +51,8 @@ Composer::Composer(Job& theJob)
     , page(job.width, job.height)
     , canvas(page.bitmap())
     , ink(job.width, inkRows)
-    , clipped{0, 0, job.width, job.height}
+    , band{}
+    , clipped{}
 {
     ink.invert({0, 0, job.width, inkRows});
 }
@@ -31,28 +61,45 @@ const Image& Composer::compose(int number)
 {
     pageNumber = number;
     page.clear();
-    draw(Unclip());
-    for (const Statement& statement : job.statements)
-        for (int row = 0; row < statement.repeat.rows; ++row)
-            for (int column = 0; column < statement.repeat.columns; ++column) {
-                stopIfInterrupted();
-                shiftX = column * statement.repeat.stepX;
-                shiftY = row * statement.repeat.stepY;
-                std::visit([this](const auto& drawing) { draw(drawing); }, statement.drawing);
-            }
+    for (int y = 0; y < job.height; y += bandRows) {
+        traceBand(number, y / bandRows + 1, y);
+        band = {0, y, job.width, std::min(bandRows, job.height - y)};
+        drawCopies(Unclip(), Repeat());
+        for (const Statement& statement : job.statements)
+            std::visit([&](const auto& drawing) { drawCopies(drawing, statement.repeat); }, statement.drawing);
+    }
     return page;
 }
 
-void Composer::draw(const Clip& clip)
+void Composer::drawCopies(const Clip& clip, const Repeat&)
 {
-    clipped = intersection(clip.area, {0, 0, job.width, job.height});
-    canvas.clip(clipped.x, clipped.y, clipped.width, clipped.height);
+    clipped = intersection(clip.area, band);
+    if (clipped.height > 0)
+        canvas.clip(clipped.x, clipped.y, clipped.width, clipped.height);
 }
 
-void Composer::draw(const Unclip&)
+void Composer::drawCopies(const Unclip&, const Repeat&)
 {
-    clipped = {0, 0, job.width, job.height};
-    canvas.unclip();
+    clipped = band;
+    canvas.clip(band.x, band.y, band.width, band.height);
+}
+
+template <typename Drawing>
+void Composer::drawCopies(const Drawing& drawing, const Repeat& repeat)
+{
+    const Rows rows = rowsOf(drawing);
+    for (int row = 0; row < repeat.rows; ++row) {
+        stopIfInterrupted();
+        shiftY = row * repeat.stepY;
+        const int first = rows.first + shiftY;
+        if (std::max(first, clipped.y) >= std::min(first + rows.count, clipped.y + clipped.height))
+            continue;
+        for (int column = 0; column < repeat.columns; ++column) {
+            stopIfInterrupted();
+            shiftX = column * repeat.stepX;
+            draw(drawing);
+        }
+    }
 }
 
 void Composer::draw(const Fill& fill)

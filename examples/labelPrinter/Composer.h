@@ -9,7 +9,8 @@
 
 namespace labelPrinter {
 
-/// Draws one page after the other into the same memory. The job must outlive it.
+/// Draws one page after the other into the same memory, band by band: what is drawn on stays in the processor's
+/// cache. The flight recorder gets the place of each band. The job must outlive it.
 class Composer
 {
 public:
@@ -24,8 +25,10 @@ public:
     const Image& compose(int number);
 
 private:
-    void draw(const Clip& clip);
-    void draw(const Unclip&);
+    void drawCopies(const Clip& clip, const Repeat&);
+    void drawCopies(const Unclip&, const Repeat&);
+    template <typename Drawing>
+    void drawCopies(const Drawing& drawing, const Repeat& repeat);
     void draw(const Fill& fill);
     void draw(const Invert& invert);
     void draw(const Picture& picture);
@@ -36,7 +39,9 @@ private:
     bmp::Bitmap canvas;
     /// Black rows, as wide as the page.
     Image ink;
-    /// The canvas's clip rectangle.
+    /// The rows that are being drawn on.
+    Rect band;
+    /// The part of the band that is drawn on, perhaps empty; the canvas's clip rectangle where it is not.
     Rect clipped;
     int pageNumber = 0;
     /// How far the copy being drawn stands from the first one.

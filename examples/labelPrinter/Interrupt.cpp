@@ -42,4 +42,16 @@ void stopIfInterrupted()
         throw Failure("interrupted, nothing was written");
 }
 
+InterruptsHeldOff::InterruptsHeldOff()
+{
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+}
+
+InterruptsHeldOff::~InterruptsHeldOff()
+{
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 } // namespace labelPrinter

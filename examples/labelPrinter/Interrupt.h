@@ -3,6 +3,8 @@
 #ifndef LABELPRINTER_INTERRUPT_H
 #define LABELPRINTER_INTERRUPT_H
 
+#include <signal.h>
+
 namespace labelPrinter {
 
 /// From now on SIGINT, SIGTERM and SIGHUP are noted instead of ending the process, a reader of our output that goes
@@ -12,6 +14,20 @@ void watchInterrupts();
 
 /// Throws a `Failure` when one of the noted signals has come, so that everything half done is taken back.
 void stopIfInterrupted();
+
+/// While it lives the calling thread gets no signal, and a thread that it starts never gets one: what that thread is
+/// writing is not cut short, and signals go to the thread that waits for them.
+class InterruptsHeldOff
+{
+public:
+    InterruptsHeldOff();
+    ~InterruptsHeldOff();
+    InterruptsHeldOff(const InterruptsHeldOff&) = delete;
+    InterruptsHeldOff& operator=(const InterruptsHeldOff&) = delete;
+
+private:
+    sigset_t before;
+};
 
 } // namespace labelPrinter
 

@@ -2,6 +2,7 @@
 
 #include "InputFile.h"
 #include "PbmFile.h"
+#include "Trace.h"
 
 #include <utility>
 
@@ -53,6 +54,8 @@ Job JobReader::read()
                 throw JobLine(jobPath, number, "").failure("the line is too long");
         }
         more = byte >= 0;
+        if (!text.empty())
+            traceJobLine(number, text);
         JobLine line(jobPath, number, text);
         repeat = Repeat();
         if (line.wordsLeft() > 0)
