@@ -12,7 +12,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <png.h>
+#include <poll.h>
 #include <random>
 #include <set>
 #include <sstream>
@@ -169,7 +171,47 @@ struct Outcome
 {
     int code;
     std::string out, err;
+    /// What stood behind `err`, without its frame.
+    std::optional<std::string> trace;
 };
+
+/// Takes the records of pages off the head of `text`, and gives the names in them.
+std::vector<std::string> takeRecords(std::string& text)
+{
+    std::vector<std::string> names;
+    for (size_t total = 0; (total = text.find("===== Insgesamt: ")) != std::string::npos;) {
+        std::istringstream record(text.substr(0, total));
+        for (std::string line; std::getline(record, line);) {
+            const size_t colon = line.find(':');
+            // Nineteen digits, grouped by threes.
+            if (colon != std::string::npos && line.find(" ns    (first + ") == colon + 27 && line[colon + 3] == ' ')
+                names.push_back(line.substr(0, line.find_last_not_of(' ', colon - 1) + 1));
+            else if (line != "=====> Achtung 1ms ueberschritten")
+                names.push_back("unexpected: " + line);
+        }
+        const size_t end = text.find("\n\n", total);
+        text.erase(0, end == std::string::npos ? end : end + 2);
+    }
+    return names;
+}
+
+const std::vector<std::string> stations{"composed",    "pbm encoded", "pbm on disk", "png encoded",
+                                        "png on disk", "qrl encoded", "qrl on disk"};
+
+/// The names in the records of `pages` pages, where the last one came `reached` stations far and was broken off.
+std::vector<std::string> namesOf(int pages, size_t reached)
+{
+    std::vector<std::string> names;
+    for (int page = 1; page <= pages; ++page) {
+        names.push_back("page " + std::to_string(page));
+        const bool whole = page < pages || reached == stations.size();
+        names.insert(names.end(), stations.begin(),
+                     whole ? stations.end() : stations.begin() + std::ptrdiff_t(reached));
+        if (!whole)
+            names.push_back("broken off");
+    }
+    return names;
+}
 
 /// Each test has a folder of its own: `in` for jobs, `out` for results and nothing else.
 class LabelPrinter : public testing::Test
@@ -242,7 +284,15 @@ protected:
         int status = 0;
         EXPECT_EQ(waitpid(child, &status, 0), child);
         const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-        return {code, bytesOf(folder / "stdout"), bytesOf(folder / "err")};
+        Outcome outcome{code, bytesOf(folder / "stdout"), bytesOf(folder / "err"), std::nullopt};
+        const std::string head = "\n\n======== LIMITED BUFFER CONTENT ========\n\n";
+        const std::string foot = "\n==============\n\n";
+        const size_t at = outcome.err.find(head);
+        if (at != std::string::npos && outcome.err.ends_with(foot)) {
+            outcome.trace = outcome.err.substr(at + head.size(), outcome.err.size() - at - head.size() - foot.size());
+            outcome.err.erase(at);
+        }
+        return outcome;
     }
 
     std::set<std::string> results() const
@@ -253,11 +303,12 @@ protected:
         return names;
     }
 
-    /// One line on the standard error output, exit code 1, no result.
+    /// One line and the trace on the standard error output, exit code 1, no result.
     void expectFailure(const Outcome& outcome, const std::string& message) const
     {
         EXPECT_EQ(outcome.code, 1);
         EXPECT_EQ(outcome.err, "labelPrinter: " + message + "\n");
+        EXPECT_TRUE(outcome.trace);
         EXPECT_EQ(results(), std::set<std::string>());
     }
 
@@ -309,7 +360,7 @@ TEST_F(LabelPrinter, ComposesRandomJobsAsTheModelDoes)
     };
     for (int round = 0; round < 6; ++round) {
         const int width = between(1, 90);
-        const int height = between(1, 150);
+        const int height = between(1, 600);
         std::ostringstream text;
         text << "page " << width << ' ' << height << " # the size\n\npages " << between(2, 3) << "\n";
         for (int file = 0; file < 4; ++file) {
@@ -324,7 +375,7 @@ TEST_F(LabelPrinter, ComposesRandomJobsAsTheModelDoes)
             auto at = [&] {
                 return " " + std::to_string(between(-20, width)) + " " + std::to_string(between(-20, height));
             };
-            auto size = [&] { return " " + std::to_string(between(1, 80)) + " " + std::to_string(between(1, 100)); };
+            auto size = [&] { return " " + std::to_string(between(1, 80)) + " " + std::to_string(between(1, 400)); };
             const std::string spot = at();
             const std::string extent = size();
             if (between(0, 2) == 0)
@@ -332,7 +383,7 @@ TEST_F(LabelPrinter, ComposesRandomJobsAsTheModelDoes)
                      << between(-30, 30) << ' ';
             switch (between(0, 5)) {
             case 0:
-                text << "fill" << spot << " " << between(1, 9) << ' ' << between(1, 90) << "\n";
+                text << "fill" << spot << " " << between(1, 9) << ' ' << between(1, 400) << "\n";
                 break;
             case 1:
                 text << "invert" << spot << extent << "\n";
@@ -350,7 +401,7 @@ TEST_F(LabelPrinter, ComposesRandomJobsAsTheModelDoes)
                 text << "image picture" << between(0, 1) << spot << "\n";
             }
             if (between(0, 9) == 0)
-                text << "clip " << between(-9, width - 1) << ' ' << between(-9, height - 1) << " 10 50\n";
+                text << "clip " << between(-9, width - 1) << ' ' << between(-9, height - 1) << " 10 300\n";
             if (between(0, 3) == 0)
                 text << "unclip\n";
         }
@@ -518,7 +569,7 @@ TEST_F(LabelPrinter, KnowsItsCommandLine)
         int code;
         std::string out, err;
     } rows[] = {
-        {{"--help"}, 0, "usage: labelPrinter JOB.label -o OUT\n", ""},
+        {{"--help"}, 0, "usage: labelPrinter JOB.label -o OUT [--times]", ""},
         {{}, 2, "", "labelPrinter: one job is needed\nusage: "},
         {{"-o", out()}, 2, "", "labelPrinter: one job is needed\nusage: "},
         {{name}, 2, "", "labelPrinter: -o OUT is needed\nusage: "},
@@ -529,6 +580,8 @@ TEST_F(LabelPrinter, KnowsItsCommandLine)
         {{name, "-o", folder.string() + "/out/"}, 2, "", "labelPrinter: an option needs the name of a file\nusage: "},
         {{"-x"}, 2, "", "labelPrinter: unknown option\nusage: "},
         {{"--show", name, name}, 2, "", "labelPrinter: --show takes one file and no job\nusage: "},
+        {{"--show", name, "--times"}, 2, "", "labelPrinter: --show takes one file and no job\nusage: "},
+        {{"--show", name, "--trace"}, 2, "", "labelPrinter: --show takes one file and no job\nusage: "},
         {{"--show", name}, 1, "", "labelPrinter: " + name + ": "},
         {{"--show", out()}, 1, "", "labelPrinter: " + out().string() + ": No such file or directory\n"},
         {{name + "x", "-o", out()}, 1, "", "labelPrinter: " + name + "x: No such file or directory\n"},
@@ -540,6 +593,7 @@ TEST_F(LabelPrinter, KnowsItsCommandLine)
         EXPECT_EQ(outcome.err.substr(0, row.err.size()), row.err);
         EXPECT_EQ(outcome.out.empty(), row.out.empty()) << outcome.out;
         EXPECT_EQ(outcome.err.empty(), row.err.empty()) << outcome.err;
+        EXPECT_EQ(outcome.trace.has_value(), row.code == 1 && row.arguments[0] != "--show");
         EXPECT_EQ(results(), std::set<std::string>());
     }
 }
@@ -563,7 +617,7 @@ TEST_F(LabelPrinter, LeavesTheFolderAsItWasWhenItCannotWrite)
             return setrlimit(RLIMIT_FSIZE, &limit) == 0;
         });
         EXPECT_EQ(outcome.code, 1);
-        EXPECT_TRUE(outcome.err.ends_with(": File too large\n")) << outcome.err;
+        EXPECT_NE(outcome.err.find(": File too large\n"), std::string::npos) << outcome.err;
         EXPECT_EQ(results(), std::set<std::string>()) << kind;
     }
 
@@ -617,7 +671,7 @@ TEST_F(LabelPrinter, TellsHowManyResultsAreInPlaceWhenARenameFails)
     EXPECT_EQ(results(), std::set<std::string>({"a", "b", "c", "d"}));
 }
 
-TEST_F(LabelPrinter, TellsItsProgressAndStopsWithoutATraceWhenItIsInterrupted)
+TEST_F(LabelPrinter, TellsItsProgressAndLeavesNothingWhenItIsInterrupted)
 {
     const struct
     {
@@ -634,19 +688,26 @@ TEST_F(LabelPrinter, TellsItsProgressAndStopsWithoutATraceWhenItIsInterrupted)
         put(job(), row.text);
         int ends[2] = {-1, -1};
         ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        const pid_t child = start({job(), "-o", out()}, ends[1], [] { return true; });
+        const pid_t child = start({job(), "-o", out(), "--times"}, ends[1], [] { return true; });
         close(ends[1]);
         std::string line;
         for (char c = 0; c != '\n' && read(ends[0], &c, 1) == 1;)
             line += c;
         close(ends[0]);
         kill(child, SIGTERM);
-        expectFailure(finish(child), "interrupted, nothing was written");
+        Outcome outcome = finish(child);
+        const std::vector<std::string> names = takeRecords(outcome.err);
+        expectFailure(outcome, "interrupted, nothing was written");
         int page = 0;
         double seconds = 0;
         ASSERT_EQ(std::sscanf(line.c_str(), row.line, &page, &seconds), 2) << line;
         EXPECT_GT(page, 0);
         EXPECT_GE(seconds, 1.0);
+        ASSERT_GE(names.size(), 2U);
+        const auto begun = static_cast<int>((names.size() - 2) / (1 + stations.size())) + 1;
+        EXPECT_GE(begun, page);
+        EXPECT_EQ(names, namesOf(begun, (names.size() - 2) % (1 + stations.size())));
+        EXPECT_TRUE(outcome.trace->ends_with("\npage " + std::to_string(begun) + ": broken off\n"));
     }
 
     // A stored page whose reader takes the first byte and then waits: the rest is too much for the pipe.
@@ -665,6 +726,79 @@ TEST_F(LabelPrinter, TellsItsProgressAndStopsWithoutATraceWhenItIsInterrupted)
     const Outcome shown = finish(child);
     EXPECT_EQ(shown.code, 1);
     EXPECT_EQ(shown.err, "labelPrinter: interrupted, the picture is cut off\n");
+}
+
+TEST_F(LabelPrinter, TellsTheTimesOfEveryPageAndTheTraceOfTheJob)
+{
+    put(job(), "page 1024 600\n\npages 3 # \x1B[2J\nfill 0 0 9 9");
+    // How far page 3 comes.
+    for (const size_t reached : {stations.size(), stations.size() - 2}) {
+        const bool fails = reached != stations.size();
+        if (fails) {
+            fs::remove(out("a-0003.qrl"));
+            fs::create_directory(out("a-0003.qrl"));
+        }
+        std::string trace = "line 1: 'page 1024 600'\nline 3: 'pages 3 # ?[2J'\nline 4: 'fill 0 0 9 9'\n";
+        for (int page = 1; page <= 3; ++page) {
+            const std::string number = "page " + std::to_string(page);
+            trace += number + ": begun\n";
+            for (const char* band : {"1, y 0", "2, y 256", "3, y 512"})
+                trace += "  [" + number + ", band " + band + "]\n";
+            for (size_t i = 0; i < (page < 3 ? stations.size() : reached); ++i)
+                trace += number + ": " + stations[i] + "\n";
+        }
+        trace += fails ? "page 3: broken off\n" : "";
+        for (int options = 0; options < 4; ++options) {
+            SCOPED_TRACE(options);
+            std::vector<std::string> arguments{job(), "-o", out()};
+            if ((options & 1) != 0)
+                arguments.push_back("--times");
+            if ((options & 2) != 0)
+                arguments.push_back("--trace");
+            Outcome outcome = run(arguments);
+            EXPECT_EQ(takeRecords(outcome.err), (options & 1) != 0 ? namesOf(3, reached) : std::vector<std::string>());
+            EXPECT_EQ(outcome.trace.value_or("none"), fails || (options & 2) != 0 ? trace : "none");
+            EXPECT_EQ(outcome.code, fails ? 1 : 0);
+            EXPECT_EQ(outcome.err, fails ? "labelPrinter: " + out("a-0003.qrl").string() + ": Is a directory\n" : "");
+            EXPECT_EQ(outcome.out.find(": 3 pages of 1024 x 600 pixels, ") == std::string::npos, fails) << outcome.out;
+        }
+    }
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    fs::remove(out("a-0003.qrl"));
+    EXPECT_EQ(run({job(), "-o", out(), "--times"}, [full] { return dup2(full, STDERR_FILENO) >= 0; }).code, 1);
+    close(full);
+}
+
+TEST_F(LabelPrinter, LosesNoTimesToASlowReader)
+{
+    constexpr int pages = 90;
+    put(job(), "page 8 8\npages " + std::to_string(pages));
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    const int progress = open((folder / "stdout").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const pid_t child =
+        start({job(), "-o", out(), "--times"}, progress, [&ends] { return dup2(ends[1], STDERR_FILENO) >= 0; });
+    close(ends[1]);
+    close(progress);
+    // Nobody reads until the printer, all of its 64 records under way, has come to a halt.
+    pollfd end{ends[0], 0, 0};
+    size_t before = 0;
+    size_t most = 0;
+    for (int same = 0; (most < 3 * 65 || same < 300) && poll(&end, 1, 0) == 0; ++same) {
+        const size_t now = results().size();
+        same = now == before ? same : 0;
+        before = now;
+        most = std::max(most, now);
+    }
+    std::string text;
+    char bytes[4096];
+    for (ssize_t count = 0; (count = read(ends[0], bytes, sizeof bytes)) > 0;)
+        text.append(bytes, static_cast<size_t>(count));
+    close(ends[0]);
+    EXPECT_EQ(takeRecords(text), namesOf(pages, stations.size()));
+    EXPECT_EQ(finish(child).code, 0);
+    EXPECT_EQ(results().size(), 3U * pages);
 }
 
 TEST_F(LabelPrinter, NoticesEveryFlippedBitAndEveryCutOfARunLengthFile)

@@ -2,6 +2,7 @@
 
 #include "Interrupt.h"
 #include "Progress.h"
+#include "Trace.h"
 
 #include <algorithm>
 
@@ -10,6 +11,34 @@ namespace labelPrinter {
 namespace {
 
 constexpr int inkRows = 64;
+/// All bands of the longest page fit into the flight recorder.
+constexpr int bandRows = 256;
+
+/// The rows of a drawing that is not shifted.
+struct Rows
+{
+    int first, count;
+};
+
+Rows rowsOf(const Fill& fill)
+{
+    return {fill.area.y, fill.area.height};
+}
+
+Rows rowsOf(const Invert& invert)
+{
+    return {invert.area.y, invert.area.height};
+}
+
+Rows rowsOf(const Picture& picture)
+{
+    return {picture.y, picture.part.height};
+}
+
+Rows rowsOf(const Serial& serial)
+{
+    return {serial.y, serial.strip->height()};
+}
 
 Rect shifted(const Rect& area, int x, int y)
 {
@@ -24,11 +53,14 @@ Composer::Composer(Job& theJob, Progress& theProgress)
     , page(job.width, job.height)
     , canvas(page.bitmap())
     , ink(job.width, inkRows)
-    , clipped{0, 0, job.width, job.height}
+    , band{}
+    , clipped{}
 {
     ink.invert({0, 0, job.width, inkRows});
     for (const Statement& statement : job.statements)
-        copies += int64_t{statement.repeat.rows} * statement.repeat.columns;
+        if (!std::holds_alternative<Clip>(statement.drawing) && !std::holds_alternative<Unclip>(statement.drawing))
+            copies += int64_t{statement.repeat.rows} * statement.repeat.columns;
+    copies *= (job.height + bandRows - 1) / bandRows;
 }
 
 const Image& Composer::compose(int number)
@@ -36,36 +68,58 @@ const Image& Composer::compose(int number)
     pageNumber = number;
     copiesDrawn = 0;
     page.clear();
-    draw(Unclip());
-    for (const Statement& statement : job.statements)
-        for (int row = 0; row < statement.repeat.rows; ++row)
-            for (int column = 0; column < statement.repeat.columns; ++column) {
-                shiftX = column * statement.repeat.stepX;
-                shiftY = row * statement.repeat.stepY;
-                std::visit([this](const auto& drawing) { draw(drawing); }, statement.drawing);
-                copyDone();
-            }
+    for (int y = 0; y < job.height; y += bandRows) {
+        traceBand(number, y / bandRows + 1, y);
+        band = {0, y, job.width, std::min(bandRows, job.height - y)};
+        drawCopies(Unclip(), Repeat());
+        for (const Statement& statement : job.statements)
+            std::visit([&](const auto& drawing) { drawCopies(drawing, statement.repeat); }, statement.drawing);
+    }
     return page;
 }
 
 void Composer::copyDone()
 {
     stopIfInterrupted();
+    ++copiesDrawn;
     // The clock takes as long as a small copy does; even the largest take less than a second together.
-    if (++copiesDrawn % 16 == 0)
+    if (++copiesUntold == 16) {
+        copiesUntold = 0;
         progress.copiesDone(pageNumber, copiesDrawn, copies);
+    }
 }
 
-void Composer::draw(const Clip& clip)
+void Composer::drawCopies(const Clip& clip, const Repeat&)
 {
-    clipped = intersection(clip.area, {0, 0, job.width, job.height});
-    canvas.clip(clipped.x, clipped.y, clipped.width, clipped.height);
+    clipped = intersection(clip.area, band);
+    if (clipped.height > 0)
+        canvas.clip(clipped.x, clipped.y, clipped.width, clipped.height);
 }
 
-void Composer::draw(const Unclip&)
+void Composer::drawCopies(const Unclip&, const Repeat&)
 {
-    clipped = {0, 0, job.width, job.height};
-    canvas.unclip();
+    clipped = band;
+    canvas.clip(band.x, band.y, band.width, band.height);
+}
+
+template <typename Drawing>
+void Composer::drawCopies(const Drawing& drawing, const Repeat& repeat)
+{
+    const Rows rows = rowsOf(drawing);
+    for (int row = 0; row < repeat.rows; ++row) {
+        stopIfInterrupted();
+        shiftY = row * repeat.stepY;
+        const int first = rows.first + shiftY;
+        if (std::max(first, clipped.y) >= std::min(first + rows.count, clipped.y + clipped.height)) {
+            copiesDrawn += repeat.columns;
+            continue;
+        }
+        for (int column = 0; column < repeat.columns; ++column) {
+            shiftX = column * repeat.stepX;
+            draw(drawing);
+            copyDone();
+        }
+    }
 }
 
 void Composer::draw(const Fill& fill)

@@ -13,7 +13,8 @@ namespace labelPrinter {
 
 class Progress;
 
-/// Draws one page after the other into the same memory. The job must outlive it.
+/// Draws one page after the other into the same memory, band by band: what is drawn on stays in the processor's
+/// cache. The flight recorder gets the place of each band. The job must outlive it.
 class Composer
 {
 public:
@@ -31,8 +32,10 @@ public:
 private:
     /// Stands between two copies: stops where the user breaks off, and tells the progress.
     void copyDone();
-    void draw(const Clip& clip);
-    void draw(const Unclip&);
+    void drawCopies(const Clip& clip, const Repeat&);
+    void drawCopies(const Unclip&, const Repeat&);
+    template <typename Drawing>
+    void drawCopies(const Drawing& drawing, const Repeat& repeat);
     void draw(const Fill& fill);
     void draw(const Invert& invert);
     void draw(const Picture& picture);
@@ -44,11 +47,14 @@ private:
     bmp::Bitmap canvas;
     /// Black rows, as wide as the page.
     Image ink;
-    /// The canvas's clip rectangle.
+    /// The rows that are being drawn on.
+    Rect band;
+    /// The part of the band that is drawn on, perhaps empty; the canvas's clip rectangle where it is not.
     Rect clipped;
     int pageNumber = 0;
-    /// Of all statements of a page.
+    /// Of all drawings in all bands of a page; those outside their band count as drawn.
     int64_t copies = 0, copiesDrawn = 0;
+    int copiesUntold = 0;
     /// How far the copy being drawn stands from the first one.
     int shiftX = 0, shiftY = 0;
 };

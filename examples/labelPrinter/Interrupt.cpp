@@ -42,4 +42,16 @@ void stopIfInterrupted(const char* outcome)
         throw Failure(std::string("interrupted, ") + outcome);
 }
 
+InterruptsHeldOff::InterruptsHeldOff()
+{
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+}
+
+InterruptsHeldOff::~InterruptsHeldOff()
+{
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 } // namespace labelPrinter

@@ -3,6 +3,8 @@
 #ifndef LABELPRINTER_INTERRUPT_H
 #define LABELPRINTER_INTERRUPT_H
 
+#include <signal.h>
+
 namespace labelPrinter {
 
 /// From now on SIGINT, SIGTERM and SIGHUP are noted instead of ending the process, a reader of our output that goes
@@ -14,6 +16,20 @@ void watchInterrupts();
 ///
 /// @param outcome  what the user is told beside that
 void stopIfInterrupted(const char* outcome = "nothing was written");
+
+/// While it lives the calling thread gets no signal, and a thread that it starts never gets one: what that thread is
+/// writing is not cut short, and signals go to the thread that waits for them.
+class InterruptsHeldOff
+{
+public:
+    InterruptsHeldOff();
+    ~InterruptsHeldOff();
+    InterruptsHeldOff(const InterruptsHeldOff&) = delete;
+    InterruptsHeldOff& operator=(const InterruptsHeldOff&) = delete;
+
+private:
+    sigset_t before;
+};
 
 } // namespace labelPrinter
 

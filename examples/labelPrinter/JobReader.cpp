@@ -2,6 +2,7 @@
 
 #include "InputFile.h"
 #include "PbmFile.h"
+#include "Trace.h"
 
 #include <string_view>
 #include <utility>
@@ -58,6 +59,8 @@ Job JobReader::read()
         more = byte >= 0;
         if (number == 1 && text.starts_with(byteOrderMark))
             text.erase(0, byteOrderMark.size());
+        if (!text.empty())
+            traceJobLine(number, text);
         // In a file's name it would end the name.
         if (text.find('\0') != std::string::npos)
             throw JobLine(jobPath, number, "").failure("the line holds a NUL byte");

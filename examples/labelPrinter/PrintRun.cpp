@@ -4,6 +4,7 @@
 #include "Failure.h"
 #include "Interrupt.h"
 #include "JobReader.h"
+#include "PageTimes.h"
 #include "PbmFile.h"
 #include "PngFile.h"
 #include "Progress.h"
@@ -38,31 +39,34 @@ std::string inMilliseconds(const util::TimeSpec& time)
     return text;
 }
 
-void writePbmResult(const Image& image, const std::string& name, ResultFiles& results)
+void writePbm(const Image& image, ResultFile& file)
 {
-    ResultFile file = results.create(name + ".pbm");
     file.write(pbmHeader(image));
     file.write(image.bytes().data(), image.bytes().size());
-    file.finish();
 }
 
-void writePngResult(const Image& image, int dotsPerInch, const std::string& name, ResultFiles& results)
+/// Writes the results of one page, NAME.KIND each.
+struct PageResults
 {
-    ResultFile file = results.create(name + ".png");
-    writePng(image, dotsPerInch, file);
-    file.finish();
-}
+    ResultFiles& files;
+    PageTimes& times;
+    std::string name;
 
-void writeRunLengthResult(const Image& image, int dotsPerInch, const std::string& name, ResultFiles& results)
-{
-    ResultFile file = results.create(name + ".qrl");
-    writeRunLengths(image, dotsPerInch, file);
-    file.finish();
-}
+    /// @param encode  writes the page to the file that it is given
+    template <typename Encode>
+    void write(const std::string& kind, Encode encode) const
+    {
+        ResultFile file = files.create(name + "." + kind);
+        encode(file);
+        times.reach(kind + " encoded");
+        file.finish();
+        times.reach(kind + " on disk");
+    }
+};
 
 } // namespace
 
-void print(const std::string& jobPath, const std::string& out)
+void print(const std::string& jobPath, const std::string& out, PageTimes& times)
 {
     Job job = JobReader(jobPath).read();
     ResultFiles results;
@@ -73,13 +77,16 @@ void print(const std::string& jobPath, const std::string& out)
     Progress progress(job.pages);
     Composer composer(job, progress);
     for (int page = 1; page <= job.pages; ++page) {
+        times.begin(page);
         progress.beginComposing();
         const Image& image = composer.compose(page);
         progress.endComposing();
-        const std::string name = resultName(out, page, job.pages);
-        writePbmResult(image, name, results);
-        writePngResult(image, job.dotsPerInch, name, results);
-        writeRunLengthResult(image, job.dotsPerInch, name, results);
+        times.reach("composed");
+        const PageResults ofPage{results, times, resultName(out, page, job.pages)};
+        ofPage.write("pbm", [&](ResultFile& file) { writePbm(image, file); });
+        ofPage.write("png", [&](ResultFile& file) { writePng(image, job.dotsPerInch, file); });
+        ofPage.write("qrl", [&](ResultFile& file) { writeRunLengths(image, job.dotsPerInch, file); });
+        times.end();
         progress.pageDone(page);
     }
     if (!std::cout)
@@ -108,8 +115,10 @@ void show(const std::string& path, const std::string& out)
     }
     ResultFiles results;
     results.protect(path);
-    writePbmResult(page.image, out, results);
-    writePngResult(page.image, page.dotsPerInch, out, results);
+    PageTimes untimed(false);
+    const PageResults ofPage{results, untimed, out};
+    ofPage.write("pbm", [&](ResultFile& file) { writePbm(page.image, file); });
+    ofPage.write("png", [&](ResultFile& file) { writePng(page.image, page.dotsPerInch, file); });
     results.keep();
 }
 

@@ -2,7 +2,9 @@
 
 #include "Failure.h"
 #include "Interrupt.h"
+#include "PageTimes.h"
 #include "PrintRun.h"
+#include "Trace.h"
 
 #include "Quorvil/ThreadSafeStream.h"
 
@@ -18,9 +20,11 @@ namespace {
 constexpr int exitFailed = 1;
 constexpr int exitUsage = 2;
 
-constexpr const char* usage = R"(usage: labelPrinter JOB.label -o OUT
+constexpr const char* usage = R"(usage: labelPrinter JOB.label -o OUT [--times] [--trace]
            composes the job's pages and writes OUT.pbm, OUT.png and OUT.qrl
-           (OUT-0001.pbm and so on when the job has several pages)
+           (OUT-0001.pbm and so on when the job has several pages);
+           --times prints when each page got where, --trace at the end what the job did last,
+           both to the standard error output
        labelPrinter --show FILE.qrl [-o OUT]
            turns a stored page back into OUT.pbm and OUT.png, or into PBM on the standard output
        labelPrinter --help
@@ -35,22 +39,41 @@ int wrongUsage(const char* why)
 int failed(const char* why)
 {
     safeCerr << "labelPrinter: " << labelPrinter::printable(why) << std::endl;
+    labelPrinter::printTrace();
     return exitFailed;
+}
+
+void printJob(const std::string& job, const std::string& out, bool withTimes, bool withTrace)
+{
+    // First the recorder, then the records: their memory lock covers it.
+    labelPrinter::startTrace();
+    labelPrinter::PageTimes times(withTimes);
+    labelPrinter::print(job, out, times);
+    times.close();
+    // A failed output is about to be told, with the trace behind it.
+    if (withTrace && std::cout)
+        labelPrinter::printTrace();
 }
 
 int run(int argc, char** argv)
 {
-    static const option options[] = {{"help", no_argument, nullptr, 'h'},
-                                     {"show", required_argument, nullptr, 's'},
-                                     {"output", required_argument, nullptr, 'o'},
-                                     {nullptr, 0, nullptr, 0}};
+    static const option options[] = {
+        {"help", no_argument, nullptr, 'h'},         {"show", required_argument, nullptr, 's'},
+        {"output", required_argument, nullptr, 'o'}, {"times", no_argument, nullptr, 'm'},
+        {"trace", no_argument, nullptr, 'r'},        {nullptr, 0, nullptr, 0}};
     std::string stored;
     std::string out;
+    bool withTimes = false;
+    bool withTrace = false;
     opterr = 0;
     for (int letter = 0; (letter = getopt_long(argc, argv, ":hs:o:", options, nullptr)) != -1;) {
         if (letter == 'h') {
             safeCout << usage;
             return 0;
+        }
+        if (letter == 'm' || letter == 'r') {
+            (letter == 'm' ? withTimes : withTrace) = true;
+            continue;
         }
         if (letter != 's' && letter != 'o')
             return wrongUsage(letter == ':' ? "an option misses its word" : "unknown option");
@@ -60,7 +83,7 @@ int run(int argc, char** argv)
             return wrongUsage("an option needs the name of a file");
     }
     if (!stored.empty()) {
-        if (optind != argc)
+        if (optind != argc || withTimes || withTrace)
             return wrongUsage("--show takes one file and no job");
         if (out.empty() && isatty(STDOUT_FILENO) != 0)
             return wrongUsage("a picture is nothing for a terminal: redirect it, or name it with -o");
@@ -71,7 +94,7 @@ int run(int argc, char** argv)
         return wrongUsage("one job is needed");
     if (out.empty())
         return wrongUsage("-o OUT is needed");
-    labelPrinter::print(argv[optind], out);
+    printJob(argv[optind], out, withTimes, withTrace);
     return 0;
 }
 
