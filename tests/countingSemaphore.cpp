@@ -15,6 +15,7 @@
 #include <limits>
 #include <list>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -235,6 +236,9 @@ void destroyUnder(std::list<Waiter>& waiters)
         anyHeld = anyHeld || waiter.place != Place::inCall;
     }
     sem_postFault.calls = 0;
+    std::optional<support::FaultScope> wakesAtOnce;
+    if (anyHeld)
+        wakesAtOnce.emplace(pthread_cond_waitFault, 0, 0, 1, 1);
     std::atomic<bool> destroyed{false};
     std::thread destructor([&] {
         delete semaphore;

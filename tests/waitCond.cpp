@@ -3,7 +3,6 @@
 #include "Quorvil/WaitCond.h"
 #include "Quorvil/GeneralException.h"
 #include "tests/support/allocationCount.h"
-#include "tests/support/environment.h"
 #include "tests/support/threadCalls.h"
 
 #include <functional>
