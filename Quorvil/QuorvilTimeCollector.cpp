@@ -285,11 +285,8 @@ void TimeCollectorPool::close()
 
 void TimeCollectorPool::returnUnprinted()
 {
-    try {
-        for (;;)
-            queue->pop();
-    } catch (const BlockingQueueClosedException&) {
-        // The queue is closed and empty, which is what was wanted.
+    while (queue->tryPop() != nullptr) {
+        // The handle has ended, and the record is back.
     }
 }
 
