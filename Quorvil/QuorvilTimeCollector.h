@@ -107,6 +107,7 @@ public:
     /// Appends `name` with the current time of the system clock.
     ///
     /// @param name  copied into the record; without heap space up to 15 characters
+    /// @requires heap: the record's allocator has one
     /// @requires nextMem + ceilSize <= memEnd: a longer name, or an entry above the capacity, fits into the heap
     /// @threads one at a time   @realtime bounded
     void add(std::string_view name);
@@ -116,6 +117,7 @@ public:
     ///
     /// @param name  copied into the record; without heap space up to 15 characters
     /// @param at    the moment, in the system clock's time
+    /// @requires heap: the record's allocator has one
     /// @requires nextMem + ceilSize <= memEnd: a longer name, or an entry above the capacity, fits into the heap
     /// @threads one at a time   @realtime bounded
     void add(std::string_view name, std::chrono::system_clock::time_point at);
@@ -124,7 +126,7 @@ public:
     ///
     /// @param s  the text, or null for an empty one
     /// @return a handle that must end before the next `reset` and before the record
-    /// @requires heap: the record's allocator has one
+    /// @requires b.getHeap(): the record's allocator has a heap
     /// @requires nextMem + ceilSize <= memEnd: the string object and its text fit into the heap
     /// @threads one at a time   @realtime bounded
     std::unique_ptr<MyString, StringDeleter> string(const char* s);
@@ -133,7 +135,7 @@ public:
     ///
     /// @param args  what the constructor takes in front of the allocator
     /// @return a handle that must end before the next `reset` and before the record
-    /// @requires heap: the record's allocator has one
+    /// @requires b.getHeap(): the record's allocator has a heap
     /// @requires nextMem + ceilSize <= memEnd: the string object and its text fit into the heap
     /// @throws  what the string's constructor throws; nothing stays in the heap then
     /// @threads one at a time   @realtime bounded
@@ -142,6 +144,7 @@ public:
 
     /// Ends a text of `string` or `string2` and gives its memory back. The handles call it; nobody else has to.
     ///
+    /// @requires b.getHeap(): the record's allocator has a heap
     /// @threads one at a time   @realtime bounded
     void tidyUpString(MyString* s);
 
