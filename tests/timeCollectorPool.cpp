@@ -571,9 +571,10 @@ TEST_F(TimeCollectorPoolDeathTest, TheBlockHasNoSlackAndMisuseFailsItsAssertion)
     const std::string exhausted =
         support::assertion("Quorvil/QuorvilFastAllocator", "virtual void* quorvil::BaseHeap::alloc(size_t)",
                            "nextMem + ceilSize <= memEnd");
-    // A byte short of a multiple of 8 is the tightest: the record takes one byte more than was counted.
+    // A byte short of a multiple of 8 is the tightest: each record takes one byte more than was counted.
     for (const size_t bytes : {1U, 7U, 1023U})
-        EXPECT_DEATH(TimeCollectorPool(out, 0, bytes, 1), exhausted);
+        for (const size_t count : {1U, 2U})
+            EXPECT_DEATH(TimeCollectorPool(out, 0, bytes, count), exhausted) << bytes << " x " << count;
     EXPECT_DEATH(TimeCollectorPool(out, 0, 8, 1).get(1), exhausted);
     TimeCollector record(0);
     EXPECT_DEATH(quorvil::TimeCollectorDeleter()(&record),
