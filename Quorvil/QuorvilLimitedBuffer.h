@@ -203,7 +203,8 @@ public:
 
     /// The dialogue on `std::cin` and `std::cout`: prompt, read a line, echo it, and print the buffer, again and again.
     /// It returns behind the echo of "q", of the last line of the input, or of a failed read. What `print` throws is
-    /// reported on `std::cerr`, and the dialogue goes on.
+    /// reported on `std::cerr`, and the dialogue goes on. What a stream throws that is set to, at a prompt, a read or
+    /// an echo, is reported there too; a read ends the dialogue behind its echo, the others at once.
     ///
     /// @threads one at a time on the console   @realtime waits
     void run();
