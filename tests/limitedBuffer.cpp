@@ -408,6 +408,8 @@ TEST_F(LimitedBufferOn, KeepsWritersAndPrintersApart)
         std::string line;
         for (int i = 0; i < 4; ++i)
             std::getline(lines, line);
+        const char* const next = buffer.ringNext();
+        ASSERT_TRUE(buffer.ringBegin() <= next && next < buffer.ringEnd());
         std::map<int, int> last;
         // The oldest line is cut.
         std::getline(lines, line);
