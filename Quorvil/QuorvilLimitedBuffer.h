@@ -26,11 +26,11 @@ namespace util {
 /// All buffers of the process are silent until `setBufferingActive(true)`: then only do `add`, `addf`,
 /// `addStateValueList` and `print` anything at all.
 ///
-/// | ring    | `add`, `addf`                     | `addStateValueList`          | `print`                          |
-/// |---------|-----------------------------------|------------------------------|----------------------------------|
-/// | silent  | nothing                           | nothing                      | nothing, not even the frame      |
-/// | filling | appends                           | a list behind the text so far | the frame, all text, all lists  |
-/// | full    | appends, and the oldest text goes | the same                     | the frame, a ring of text, lists |
+/// | ring    | `add`, `addf`                     | `addStateValueList`           | `print`                          |
+/// |---------|-----------------------------------|-------------------------------|----------------------------------|
+/// | silent  | nothing                           | nothing                       | nothing, not even the frame      |
+/// | filling | appends                           | a list behind the text so far | the frame, all text, all lists   |
+/// | full    | appends, and the oldest text goes | the same                      | the frame, a ring of text, lists |
 ///
 /// **Lists.** The newest 128 are kept, each until new text comes to the place of the list, which is when as many bytes
 /// as the ring holds have been added behind it. An empty text drops all lists.
@@ -46,9 +46,8 @@ class QUORVIL_API LimitedBuffer
 public:
     /// An empty ring.
     ///
-    /// @param capacity              bytes of text in the ring, 1 to INT_MAX; a text that is added must be shorter.
-    /// `addf`
-    ///                              adds up to 511 bytes and wants at least 512
+    /// @param capacity              bytes of text in the ring, 1 to INT_MAX; a text that is added must be shorter, so
+    ///                              that `addf`, which adds up to 511 bytes, wants at least 512
     /// @param bytesPerValueList     length of each state-value list in bytes
     /// @param formatStateValueList  prints one list to a stream; its second argument points to the list's bytes. It is
     ///                              called by `print` alone, without a lock, on each thread that prints, and may itself
@@ -60,7 +59,9 @@ public:
     LimitedBuffer(std::size_t capacity, int bytesPerValueList,
                   std::function<void(std::basic_ostream<char>&, const char*)> formatStateValueList);
 
-    /// @threads one at a time   @realtime allocates
+    /// Releases the ring and the lists.
+    ///
+    /// @threads one at a time
     virtual ~LimitedBuffer();
 
     LimitedBuffer(const LimitedBuffer&) = delete;

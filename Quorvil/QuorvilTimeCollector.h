@@ -84,7 +84,8 @@ public:
     /// for `atLeastCapacity` entries.
     ///
     /// @param atLeastCapacity  0 to what fits into the heap
-    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative
+    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative, or above what a `std::vector` of
+    ///                            entries can hold (53 687 091 where a pointer has 32 bits)
     /// @throws std::bad_alloc  the system has no memory for the heap
     /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the heap
     /// @threads any   @realtime allocates
@@ -100,7 +101,8 @@ public:
     /// @requires allocator.getHeap()->allFree(): no handle of `string` or `string2` is alive
     /// @requires (int) entries.capacity() >= atLeastCapacity
     /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the heap
-    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative; the record is without storage then
+    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative, or above what a `std::vector` of
+    ///                            entries can hold; the record is without storage then
     /// @threads one at a time   @realtime bounded
     void reset(int atLeastCapacity);
 
@@ -272,8 +274,11 @@ public:
     /// Lends a record that is empty and has room for `atLeastCapacity` entries. Its time grows with the number of
     /// entries of the record's last use.
     ///
-    /// @throws util::GeneralException  "Pool underflow": no record is free
-    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is above `INT_MAX`; the record is free again
+    /// @throws util::GeneralException  "Pool underflow": no record is free. It allocates and announces itself: a
+    ///                                 real-time thread that has to expect this calls `tryGet`.
+    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is above `INT_MAX`, or above what a
+    /// `std::vector`
+    ///                            of entries can hold; the record is free again
     /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the record's sub-heap
     /// @requires allocator.getHeap()->allFree(): no string handle of the last use is alive
     /// @threads any   @realtime bounded
