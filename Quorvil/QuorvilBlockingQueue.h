@@ -53,19 +53,20 @@ public:
 /// A ring of move-only values between producers that must not wait, a real-time thread among them, and a consumer that
 /// may. It takes memory once, at construction, from `Alloc`.
 ///
-/// | State                    | Values | `push`                 | `pop`                                     |
-/// |--------------------------|--------|------------------------|-------------------------------------------|
-/// | open                     | some   | takes, or full: false  | returns the oldest                        |
-/// | open                     | none   | takes, or full: false  | waits                                     |
-/// | closed                   | some   | takes, or full: false  | returns the oldest                        |
-/// | closed                   | none   | takes, or full: false  | throws `BlockingQueueClosedException`     |
-/// | cancelled, closed or not | either | takes, or full: false  | throws `BlockingQueueCanceledException`   |
+/// | State                    | Values | `push`                | `pop`                                   | `tryPop`   |
+/// |--------------------------|--------|-----------------------|-----------------------------------------|------------|
+/// | open                     | some   | takes, or full: false | returns the oldest                      | the oldest |
+/// | open                     | none   | takes, or full: false | waits                                   | empty      |
+/// | closed                   | some   | takes, or full: false | returns the oldest                      | the oldest |
+/// | closed                   | none   | takes, or full: false | throws `BlockingQueueClosedException`   | empty      |
+/// | cancelled, closed or not | either | takes, or full: false | throws `BlockingQueueCanceledException` | empty      |
 ///
 /// It serves one consumer, or several that loop: only a push onto an empty queue wakes a consumer, and only one, which
 /// has to drain the queue before it does anything that must not hold the values up. `close` and `cancel` wake all.
 ///
-/// What was written before `push` is seen after the `pop` that returns the value. The queue may be destroyed when no
-/// thread is inside `push` or `pop` any more: a producer still touches it after the consumer has got the value.
+/// What was written before `push` is seen after the `pop` or `tryPop` that returns the value. The queue may be
+/// destroyed when no thread is inside an operation any more: a producer still touches it after the consumer has got the
+/// value.
 ///
 /// @tparam T      movable, and its default value counts as empty, such as `std::unique_ptr`
 /// @tparam Alloc  an allocator of `T` that deals in plain pointers, such as `FastAllocator<T>`
@@ -104,6 +105,12 @@ public:
     /// @throws std::system_error               the mutex cannot be locked
     /// @threads any   @realtime waits
     T pop();
+
+    /// Takes the oldest value, or gives an empty one when there is none or the queue is cancelled.
+    ///
+    /// @throws std::system_error  the mutex cannot be locked
+    /// @threads any   @realtime bounded
+    T tryPop();
 
     /// Lets `pop` return what is in the queue and throw when nothing is. Any number of times; there is no way back.
     ///
@@ -149,6 +156,8 @@ private:
 
     void makeSlots();
     bool isSlot(T* p) const;
+    /// Moves the oldest value out of the ring. The lock is held, and there is one.
+    T take();
     /// What `pop` does when it may have to wait or to throw, kept out of its short way.
     [[gnu::noinline]] void awaitValue();
     void set(bool& flag);
@@ -232,6 +241,19 @@ inline T BlockingQueue<T, Alloc>::pop()
     const std::lock_guard lock(mutex);
     if (canceled || readPos == writePos) [[unlikely]]
         awaitValue();
+    return take();
+}
+
+template <class T, class Alloc>
+inline T BlockingQueue<T, Alloc>::tryPop()
+{
+    const std::lock_guard lock(mutex);
+    return canceled || readPos == writePos ? T() : take();
+}
+
+template <class T, class Alloc>
+inline T BlockingQueue<T, Alloc>::take()
+{
     T* const slot = readPos;
     T value(std::move(*slot));
     readPos = next(slot);

@@ -60,6 +60,7 @@ public:
 };
 
 /// The heap over a range of memory that it does not own. The range has to outlive it, and its destructor does nothing.
+/// It is no base class, so that the compiler can call it directly: other heaps derive from `IHeap` and hold one.
 class QUORVIL_API BaseHeap final : public IHeap
 {
 public:
@@ -100,6 +101,8 @@ private:
 /// `mlockall` makes all pages resident that the process has mapped when a `SimpleHeap` is constructed: using its blocks
 /// faults no page in, and neither does any other memory, buffers and stacks among them, that was mapped by then. What
 /// is mapped later is not covered, until the next `SimpleHeap`: construct one behind the buffers.
+///
+/// It is no base class: other heaps derive from `IHeap` and hold one.
 class QUORVIL_API SimpleHeap final : public IHeap
 {
 public:
@@ -132,6 +135,8 @@ private:
 ///
 /// Constructing and destroying it touches the parent, and has to be serialised by the parent's owner. In between it is
 /// independent of the parent and of its other children.
+///
+/// It is no base class: other heaps derive from `IHeap` and hold one.
 class QUORVIL_API SubHeap final : public IHeap
 {
 public:

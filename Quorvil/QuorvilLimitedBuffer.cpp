@@ -14,6 +14,8 @@
 #include <string_view>
 #include <utility>
 
+#include <cxxabi.h>
+
 QUORVIL_LOG_GROUP("Quorvil");
 
 namespace {
@@ -260,6 +262,46 @@ std::ostream& operator<<(std::ostream& out, LimitedBuffer& buffer)
     return out;
 }
 
+namespace {
+
+/// Whether `step` came through. What it throws is reported on `std::cerr`: the console's thread must not end the
+/// process because a stream or a formatter failed. A thread that is cancelled goes on unwinding.
+template <class Step>
+bool succeeds(Step step)
+{
+    const auto report = [](const char* reason) {
+        // Not by the stream itself: it is tied to the console's output, which may just have thrown, and may throw too.
+        std::ostream(std::cerr.rdbuf()) << "LBInteractiveDump: " << reason << '\n';
+    };
+    try {
+        step();
+        return true;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& exception) {
+        report(exception.what());
+    } catch (...) {
+        report("unknown exception");
+    }
+    return false;
+}
+
+/// One turn of the dialogue up to the echo. Whether the line asks for a print: it is neither the letter nor the last.
+bool askForPrint()
+{
+    write(std::cout, "Enter: dump gl_trenvikLimitedBuffer\n"
+                     "q (und Enter): Quit\n"
+                     "(vor getline)\n");
+    std::string line;
+    // What the input throws ends the dialogue as any failure of it, behind the echo.
+    succeeds([&] { std::getline(std::cin, line); });
+    write(std::cout, "line: '" + line + "'\n");
+    // A stream that failed without an end of file would never deliver anything else.
+    return std::cin.good() && line != "q";
+}
+
+} // namespace
+
 LBInteractiveDump::LBInteractiveDump(LimitedBuffer& buffer_)
     : buffer(buffer_)
     , thread([this] { run(); })
@@ -273,22 +315,13 @@ LBInteractiveDump::~LBInteractiveDump()
 
 void LBInteractiveDump::run()
 {
-    while (true) {
-        write(std::cout, "Enter: dump gl_trenvikLimitedBuffer\n"
-                         "q (und Enter): Quit\n"
-                         "(vor getline)\n");
-        std::string line;
-        std::getline(std::cin, line);
-        write(std::cout, "line: '" + line + "'\n");
-        // A stream that failed without an end of file would never deliver anything else.
-        if (!std::cin.good() || line == "q")
+    bool wanted = true;
+    while (wanted) {
+        const bool talked = succeeds([&] { wanted = askForPrint(); });
+        if (!talked)
             return;
-        try {
-            buffer.print(std::cout);
-        } catch (const std::exception& exception) {
-            // The thread must not end the process because one print failed.
-            std::cerr << "LBInteractiveDump: " << exception.what() << '\n';
-        }
+        if (wanted)
+            succeeds([this] { buffer.print(std::cout); });
     }
 }
 

@@ -26,11 +26,11 @@ namespace util {
 /// All buffers of the process are silent until `setBufferingActive(true)`: then only do `add`, `addf`,
 /// `addStateValueList` and `print` anything at all.
 ///
-/// | ring    | `add`, `addf`                     | `addStateValueList`          | `print`                          |
-/// |---------|-----------------------------------|------------------------------|----------------------------------|
-/// | silent  | nothing                           | nothing                      | nothing, not even the frame      |
-/// | filling | appends                           | a list behind the text so far | the frame, all text, all lists  |
-/// | full    | appends, and the oldest text goes | the same                     | the frame, a ring of text, lists |
+/// | ring    | `add`, `addf`                     | `addStateValueList`           | `print`                          |
+/// |---------|-----------------------------------|-------------------------------|----------------------------------|
+/// | silent  | nothing                           | nothing                       | nothing, not even the frame      |
+/// | filling | appends                           | a list behind the text so far | the frame, all text, all lists   |
+/// | full    | appends, and the oldest text goes | the same                      | the frame, a ring of text, lists |
 ///
 /// **Lists.** The newest 128 are kept, each until new text comes to the place of the list, which is when as many bytes
 /// as the ring holds have been added behind it. An empty text drops all lists.
@@ -46,8 +46,8 @@ class QUORVIL_API LimitedBuffer
 public:
     /// An empty ring.
     ///
-    /// @param capacity              bytes of text in the ring, 1 to INT_MAX; a text that is added must be
-    ///                              shorter. `addf` adds up to 511 bytes and wants at least 512
+    /// @param capacity              bytes of text in the ring, 1 to INT_MAX; a text that is added must be shorter, so
+    ///                              that `addf`, which adds up to 511 bytes, wants at least 512
     /// @param bytesPerValueList     length of each state-value list in bytes
     /// @param formatStateValueList  prints one list to a stream; its second argument points to the list's bytes. It is
     ///                              called by `print` alone, without a lock, on each thread that prints, and may itself
@@ -59,7 +59,9 @@ public:
     LimitedBuffer(std::size_t capacity, int bytesPerValueList,
                   std::function<void(std::basic_ostream<char>&, const char*)> formatStateValueList);
 
-    /// @threads one at a time   @realtime allocates
+    /// Releases the ring and the lists.
+    ///
+    /// @threads one at a time
     virtual ~LimitedBuffer();
 
     LimitedBuffer(const LimitedBuffer&) = delete;
@@ -108,24 +110,24 @@ public:
     ///
     /// It works on a copy: writers are held up for the copying of the ring and the lists, not for the output. The
     /// stream's width is reset and nothing is padded. What the stream or the formatter throws passes through and leaves
-    /// the buffer as it was. The stream is the caller's alone meanwhile.
+    /// the buffer as it was.
     ///
     /// @throws std::bad_alloc  there is no memory for the copy; nothing has been written
     /// @throws std::system_error  the lock cannot be taken
-    /// @threads any   @realtime allocates
+    /// @threads any, each on its own stream   @realtime allocates
     void print(std::ostream& out);
 
     /// Writes `partSize` bytes of the ring from `partBegin` on, in ring order, valid text or not. It takes no lock: the
     /// caller decides what a writer beside it may do to the part.
     ///
     /// @requires "begin <= partBegin && partBegin < end", "(ptrdiff_t)partSize <= (end - begin)"
-    /// @threads one at a time   @realtime I/O
+    /// @threads one at a time, writers included   @realtime I/O
     void readPart(char* partBegin, std::size_t partSize, std::ostream& out);
 
-    /// Ends the process unless the ring's fields fit together. It takes no lock: no writer may be at work.
+    /// Ends the process unless the ring's fields fit together.
     ///
     /// @requires "begin < end", "begin <= next", "next < end", "(ptrdiff_t)size <= (end - begin)"
-    /// @threads one at a time   @realtime bounded
+    /// @threads one at a time, writers included   @realtime bounded
     void checkInvariants() const;
 
     /// The place `n` bytes from `a` in ring order, backward if `n` is negative. Any `n` will do.
@@ -169,15 +171,15 @@ private:
     std::function<void(std::ostream&, const char*)> formatStateValueList;
 };
 
-/// Prints `buffer` to `out`, the caller's alone, as `print` does.
+/// Prints `buffer` to `out`, as `print` does.
 ///
-/// @threads any   @realtime allocates
+/// @threads any, each on its own stream   @realtime allocates
 QUORVIL_API std::ostream& operator<<(std::ostream& out, LimitedBuffer& buffer);
 
 /// The well-known buffer of the process, into which lock groups trace. It is empty at load: the application installs a
 /// buffer before it starts threads, and users test it for null. It ends with the library's other global objects.
 ///
-/// @threads any
+/// @threads any may read; assigned while no other thread uses it
 QUORVIL_API extern std::shared_ptr<LimitedBuffer> gl_pTrenvikLimitedBuffer;
 
 /// A console thread that prints a buffer on demand: on each line from standard input, until the line "q" or the end of
@@ -202,9 +204,10 @@ public:
 
     /// The dialogue on `std::cin` and `std::cout`: prompt, read a line, echo it, and print the buffer, again and again.
     /// It returns behind the echo of "q", of the last line of the input, or of a failed read. What `print` throws is
-    /// reported on `std::cerr`, and the dialogue goes on.
+    /// reported on `std::cerr`, and the dialogue goes on. What a stream throws that is set to, at a prompt, a read or
+    /// an echo, is reported there too; a read ends the dialogue behind its echo, the others at once.
     ///
-    /// @threads one at a time   @realtime waits
+    /// @threads one at a time on the console   @realtime waits
     void run();
 
 private:

@@ -15,11 +15,11 @@ namespace util {
 /// `add` and leave by being replaced (the 129th replaces the first) or by `removeOverwritten`; nothing else empties the
 /// object. After the constructor nothing is allocated. There is no lock: the caller serialises all access.
 ///
-/// | lists  | `add`                         | `removeOverwritten`      | `startIteration`, `iterate` |
-/// |--------|-------------------------------|--------------------------|-----------------------------|
-/// | 0      | 1 list                        | nothing, nothing checked | false at once               |
-/// | 1..127 | one more                      | the newest run survives  | all, oldest first           |
-/// | 128    | 128: the oldest gives its place | the newest run survives | all, oldest first           |
+/// | lists  | `add`                           | `removeOverwritten`      | `startIteration`, `iterate` |
+/// |--------|---------------------------------|--------------------------|-----------------------------|
+/// | 0      | 1 list                          | nothing, nothing checked | false at once               |
+/// | 1..127 | one more                        | the newest run survives  | all, oldest first           |
+/// | 128    | 128: the oldest gives its place | the newest run survives  | all, oldest first           |
 class QUORVIL_API LimitedStateValueBuffer
 {
 public:
@@ -31,7 +31,9 @@ public:
     /// @threads any   @realtime allocates
     explicit LimitedStateValueBuffer(int bytesPerValueList);
 
-    /// @threads one at a time   @realtime allocates
+    /// Releases the lists.
+    ///
+    /// @threads one at a time
     virtual ~LimitedStateValueBuffer();
 
     LimitedStateValueBuffer(const LimitedStateValueBuffer&) = delete;

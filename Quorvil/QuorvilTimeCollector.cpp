@@ -41,9 +41,12 @@ size_t times(size_t a, size_t b)
     return __builtin_mul_overflow(a, b, &result) ? SIZE_MAX : result;
 }
 
-/// What one object takes from a heap.
+/// What `count` objects in one block take from a heap.
 template <class T>
-constexpr size_t blockOf = (sizeof(T) + 7) / 8 * 8;
+size_t blockOf(size_t count)
+{
+    return plus(times(count, sizeof(T)), 7) / 8 * 8;
+}
 
 /// The classic locale with grouped numbers. The facet belongs to the locale once that is made, and not before.
 std::locale groupedLocale()
@@ -160,8 +163,8 @@ size_t TimeCollectorPool::blockBytes(size_t subHeapSize, size_t count)
     if (count > INT_MAX)
         return SIZE_MAX;
     const size_t ring = times(count + 1, sizeof(Handle));
-    const size_t records = times(count, plus(subHeapSize, blockOf<SubHeap> + blockOf<TimeCollector>));
-    return plus(plus(ring, records), blockOf<Pool> + blockOf<Queue>);
+    const size_t records = plus(blockOf<SubHeap>(count), blockOf<TimeCollector>(count));
+    return plus(plus(ring, times(count, subHeapSize)), plus(records, blockOf<Pool>(1) + blockOf<Queue>(1)));
 }
 
 TimeCollectorPool::TimeCollectorPool(std::ostream& stream, int width, size_t count, std::shared_ptr<SimpleHeap> block)
@@ -285,11 +288,8 @@ void TimeCollectorPool::close()
 
 void TimeCollectorPool::returnUnprinted()
 {
-    try {
-        for (;;)
-            queue->pop();
-    } catch (const BlockingQueueClosedException&) {
-        // The queue is closed and empty, which is what was wanted.
+    while (queue->tryPop() != nullptr) {
+        // The handle has ended, and the record is back.
     }
 }
 

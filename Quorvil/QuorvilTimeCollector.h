@@ -84,7 +84,8 @@ public:
     /// for `atLeastCapacity` entries.
     ///
     /// @param atLeastCapacity  0 to what fits into the heap
-    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative
+    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative, or above what a `std::vector` of
+    ///                            entries can hold (53 687 091 where a pointer has 32 bits)
     /// @throws std::bad_alloc  the system has no memory for the heap
     /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the heap
     /// @threads any   @realtime allocates
@@ -100,13 +101,15 @@ public:
     /// @requires allocator.getHeap()->allFree(): no handle of `string` or `string2` is alive
     /// @requires (int) entries.capacity() >= atLeastCapacity
     /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the heap
-    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative; the record is without storage then
+    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative, or above what a `std::vector` of
+    ///                            entries can hold; the record is without storage then
     /// @threads one at a time   @realtime bounded
     void reset(int atLeastCapacity);
 
     /// Appends `name` with the current time of the system clock.
     ///
     /// @param name  copied into the record; without heap space up to 15 characters
+    /// @requires heap: the record's allocator has one
     /// @requires nextMem + ceilSize <= memEnd: a longer name, or an entry above the capacity, fits into the heap
     /// @threads one at a time   @realtime bounded
     void add(std::string_view name);
@@ -116,6 +119,7 @@ public:
     ///
     /// @param name  copied into the record; without heap space up to 15 characters
     /// @param at    the moment, in the system clock's time
+    /// @requires heap: the record's allocator has one
     /// @requires nextMem + ceilSize <= memEnd: a longer name, or an entry above the capacity, fits into the heap
     /// @threads one at a time   @realtime bounded
     void add(std::string_view name, std::chrono::system_clock::time_point at);
@@ -124,7 +128,7 @@ public:
     ///
     /// @param s  the text, or null for an empty one
     /// @return a handle that must end before the next `reset` and before the record
-    /// @requires heap: the record's allocator has one
+    /// @requires b.getHeap(): the record's allocator has a heap
     /// @requires nextMem + ceilSize <= memEnd: the string object and its text fit into the heap
     /// @threads one at a time   @realtime bounded
     std::unique_ptr<MyString, StringDeleter> string(const char* s);
@@ -133,7 +137,7 @@ public:
     ///
     /// @param args  what the constructor takes in front of the allocator
     /// @return a handle that must end before the next `reset` and before the record
-    /// @requires heap: the record's allocator has one
+    /// @requires b.getHeap(): the record's allocator has a heap
     /// @requires nextMem + ceilSize <= memEnd: the string object and its text fit into the heap
     /// @throws  what the string's constructor throws; nothing stays in the heap then
     /// @threads one at a time   @realtime bounded
@@ -142,6 +146,7 @@ public:
 
     /// Ends a text of `string` or `string2` and gives its memory back. The handles call it; nobody else has to.
     ///
+    /// @requires b.getHeap(): the record's allocator has a heap
     /// @threads one at a time   @realtime bounded
     void tidyUpString(MyString* s);
 
@@ -269,8 +274,11 @@ public:
     /// Lends a record that is empty and has room for `atLeastCapacity` entries. Its time grows with the number of
     /// entries of the record's last use.
     ///
-    /// @throws util::GeneralException  "Pool underflow": no record is free
-    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is above `INT_MAX`; the record is free again
+    /// @throws util::GeneralException  "Pool underflow": no record is free. It allocates and announces itself: a
+    ///                                 real-time thread that has to expect this calls `tryGet`.
+    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is above `INT_MAX`, or above what a
+    /// `std::vector`
+    ///                            of entries can hold; the record is free again
     /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the record's sub-heap
     /// @requires allocator.getHeap()->allFree(): no string handle of the last use is alive
     /// @threads any   @realtime bounded

@@ -147,20 +147,29 @@ protected:
 using LimitedBufferDeathTest = LimitedBufferOn;
 using LBInteractiveDump = LimitedBufferOn;
 
-/// What a dialogue writes to standard output and standard error while it reads `input`.
-std::pair<std::string, std::string> dialogue(LimitedBuffer& buffer, std::streambuf& input)
+/// What a dialogue that reads `input` and writes to `console` writes to standard error. The console's streams may be
+/// set to throw, and are as before behind it.
+std::string dialogue(LimitedBuffer& buffer, std::streambuf& input, std::streambuf& console)
 {
-    std::stringbuf out;
     std::stringbuf err;
-    std::cin.clear();
-    std::streambuf* const old[] = {std::cin.rdbuf(&input), std::cout.rdbuf(&out), std::cerr.rdbuf(&err)};
+    std::streambuf* const old[] = {std::cin.rdbuf(&input), std::cout.rdbuf(&console), std::cerr.rdbuf(&err)};
     {
         const util::LBInteractiveDump running(buffer);
     }
     std::cin.rdbuf(old[0]);
     std::cout.rdbuf(old[1]);
     std::cerr.rdbuf(old[2]);
-    return {out.str(), err.str()};
+    std::cin.exceptions(std::ios::goodbit);
+    std::cout.exceptions(std::ios::goodbit);
+    return err.str();
+}
+
+/// What a dialogue writes to standard output and standard error while it reads `input`.
+std::pair<std::string, std::string> dialogue(LimitedBuffer& buffer, std::streambuf& input)
+{
+    std::stringbuf out;
+    const std::string err = dialogue(buffer, input, out);
+    return {out.str(), err};
 }
 
 } // namespace
@@ -399,6 +408,8 @@ TEST_F(LimitedBufferOn, KeepsWritersAndPrintersApart)
         std::string line;
         for (int i = 0; i < 4; ++i)
             std::getline(lines, line);
+        const char* const next = buffer.ringNext();
+        ASSERT_TRUE(buffer.ringBegin() <= next && next < buffer.ringEnd());
         std::map<int, int> last;
         // The oldest line is cut.
         std::getline(lines, line);
@@ -542,11 +553,46 @@ TEST_F(LBInteractiveDump, StopsWhenTheConsoleFailsAndGoesOnWhenThePrintDoes)
             throw std::runtime_error("console");
         }
     } broken;
-    LimitedBuffer buffer(20, 2, [](std::ostream&, const char*) { throw std::runtime_error("formatter"); });
+    bool known = true;
+    LimitedBuffer buffer(20, 2, [&](std::ostream&, const char*) {
+        if (std::exchange(known, false))
+            throw std::runtime_error("formatter");
+        throw 1;
+    });
     buffer.addStateValueList("zz", 2);
     EXPECT_THAT(dialogue(buffer, broken).first, testing::EndsWith("line: ''\n"));
-    std::stringbuf input("x\nq\n");
+    std::stringbuf input("x\nx\nq\n");
     const auto [out, err] = dialogue(buffer, input);
-    EXPECT_EQ("LBInteractiveDump: formatter\n", err);
+    EXPECT_EQ("LBInteractiveDump: formatter\nLBInteractiveDump: unknown exception\n", err);
     EXPECT_THAT(out, testing::EndsWith("line: 'q'\n"));
+}
+
+TEST_F(LBInteractiveDump, EndsWithoutTheProcessWhenAStreamThrows)
+{
+    struct Failing : std::stringbuf
+    {
+        std::streamsize xsputn(const char* text, std::streamsize length) override
+        {
+            return --left < 0 ? 0 : std::stringbuf::xsputn(text, length);
+        }
+
+        int left = 0;
+    };
+    LimitedBuffer buffer(20, 2, formatPair);
+    std::cin.exceptions(std::ios::eofbit);
+    std::stringbuf input("x\nlast");
+    const auto [out, err] = dialogue(buffer, input);
+    EXPECT_THAT(out, testing::EndsWith("line: 'last'\n"));
+    EXPECT_THAT(err, testing::StartsWith("LBInteractiveDump: "));
+    // The prompt fails, the echo, or the print and then the next prompt.
+    const std::string prompt = "Enter: dump gl_trenvikLimitedBuffer\nq (und Enter): Quit\n(vor getline)\n";
+    const std::string written[] = {"", prompt, prompt + "line: 'x'\n"};
+    for (int writes = 0; writes < 3; ++writes) {
+        Failing console;
+        console.left = writes;
+        std::stringbuf lines("x\nx\nq\n");
+        std::cout.exceptions(std::ios::badbit);
+        EXPECT_THAT(dialogue(buffer, lines, console), testing::StartsWith("LBInteractiveDump: "));
+        EXPECT_EQ(written[writes], console.str());
+    }
 }

@@ -411,14 +411,21 @@ TEST_F(TimeCollectorPoolEnd, ClosersWaitTogetherAndTheClosedPoolReturnsRecordsUn
     pool.dump(filled(pool, "printing"));
     stop.await();
     pool.dump(filled(pool, "queued"));
+    const std::string all = printed("printing") + printed("queued");
     std::atomic<int> closed{0};
+    std::atomic<pid_t> ids[3]{};
     std::vector<std::thread> closers;
-    for (int i = 0; i < 3; ++i) {
+    for (std::atomic<pid_t>& id : ids) {
         closers.emplace_back([&] {
+            id = gettid();
             pool.close();
+            EXPECT_EQ(paper.str(), all);
             ++closed;
         });
     }
+    for (const std::atomic<pid_t>& id : ids)
+        while (!isAtRest(id))
+            std::this_thread::yield();
     EXPECT_EQ(closed, 0) << "the print is not over";
     stop.letGo();
     for (std::thread& closer : closers)
@@ -427,7 +434,7 @@ TEST_F(TimeCollectorPoolEnd, ClosersWaitTogetherAndTheClosedPoolReturnsRecordsUn
     pool.dump(std::move(late));
     EXPECT_EQ(late, nullptr);
     EXPECT_EQ(freeRecords(pool), 3U);
-    EXPECT_EQ(paper.str(), printed("printing") + printed("queued"));
+    EXPECT_EQ(paper.str(), all);
 }
 
 TEST_F(TimeCollectorPoolEnd, CloseFromWithinTheStreamIsRefusedBeforeAndDuringAnotherCloseWhichEndsThePool)
@@ -466,16 +473,21 @@ TEST_F(TimeCollectorPoolEnd, ARecordPassedToDumpDuringACloseIsPrintedOrGoesBack)
     constexpr size_t closers = 2;
     const int rounds = support::sanitized || support::emulated ? 100 : 1000;
     std::optional<TimeCollectorPool> pool;
+    std::string seen[closers];
     std::barrier<> step(producers + closers + 1);
     std::vector<std::thread> threads;
     for (size_t i = 0; i < producers + closers; ++i) {
         threads.emplace_back([&, i] {
             for (int round = 0; round < rounds; ++round) {
                 step.arrive_and_wait();
+                const support::AllocationCount count;
                 if (i < producers)
                     pool->dump(filled(*pool, "x"));
                 else
                     pool->close();
+                EXPECT_EQ(count.allocations() + count.releases(), 0U);
+                if (i >= producers)
+                    seen[i - producers] = paper.str();
                 step.arrive_and_wait();
             }
         });
@@ -487,6 +499,8 @@ TEST_F(TimeCollectorPoolEnd, ARecordPassedToDumpDuringACloseIsPrintedOrGoesBack)
         step.arrive_and_wait();
         EXPECT_EQ(freeRecords(*pool), producers) << "none lies in the ring of a closed pool";
         EXPECT_EQ(paper.str().size() % printed("x").size(), 0U);
+        for (const std::string& text : seen)
+            EXPECT_EQ(text, paper.str()) << "nothing is printed behind a close";
     }
     for (std::thread& thread : threads)
         thread.join();
@@ -557,9 +571,10 @@ TEST_F(TimeCollectorPoolDeathTest, TheBlockHasNoSlackAndMisuseFailsItsAssertion)
     const std::string exhausted =
         support::assertion("Quorvil/QuorvilFastAllocator", "virtual void* quorvil::BaseHeap::alloc(size_t)",
                            "nextMem + ceilSize <= memEnd");
-    // A byte short of a multiple of 8 is the tightest: the record takes one byte more than was counted.
+    // A byte short of a multiple of 8 is the tightest: each record takes one byte more than was counted.
     for (const size_t bytes : {1U, 7U, 1023U})
-        EXPECT_DEATH(TimeCollectorPool(out, 0, bytes, 1), exhausted);
+        for (const size_t count : {1U, 2U})
+            EXPECT_DEATH(TimeCollectorPool(out, 0, bytes, count), exhausted) << bytes << " x " << count;
     EXPECT_DEATH(TimeCollectorPool(out, 0, 8, 1).get(1), exhausted);
     TimeCollector record(0);
     EXPECT_DEATH(quorvil::TimeCollectorDeleter()(&record),
