@@ -107,7 +107,9 @@ public:
 
 private:
     friend class Thread;
+    /// @cond
     friend QUORVIL_API void* pthreadFunc(void* internals);
+    /// @endcond
 
     int create(const pthread_attr_t* attributes);
     int createWithAttributes(int stackSize, int priority, int schedPolicy);

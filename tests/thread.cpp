@@ -310,9 +310,10 @@ TEST(Thread, StartAsksForWhatItWasGivenAndForNothingElse)
         Body thread;
         thread.start(row.stackSize, row.priority, row.policy);
         thread.join();
-        // The thread sanitizer makes attributes of its own.
-        EXPECT_EQ(pthread_attr_initFault.calls, row.withAttributes + support::threadSanitized);
-        EXPECT_EQ(pthread_attr_destroyFault.calls, pthread_attr_initFault.calls);
+        if (!support::sanitized) { // whose runtimes make attributes of their own
+            EXPECT_EQ(pthread_attr_initFault.calls, row.withAttributes);
+            EXPECT_EQ(pthread_attr_destroyFault.calls, row.withAttributes);
+        }
         EXPECT_EQ(support::asked.withAttributes, row.withAttributes);
         if (row.withAttributes) {
             EXPECT_EQ(support::asked.stackBytes, row.withStack ? stack : defaultStack);
