@@ -81,7 +81,7 @@ void PeriodicTimer::setTimes(const char* operation, int periodMicroseconds)
 {
     if (getCallback() == nullptr)
         std::cout << "PeriodicTimer::" << operation << ": no callback defined\n" << std::endl;
-    timerSpec.it_interval = {periodMicroseconds / 1'000'000, (periodMicroseconds % 1'000'000) * 1000};
+    timerSpec.it_interval = {periodMicroseconds / 1'000'000, periodMicroseconds % 1'000'000 * 1000L};
     timerSpec.it_value = timerSpec.it_interval;
     // A timer of thread expiries is never 0: that is one that could not be made.
     if (timer == timer_t{} || timer_settime(timer, 0, &timerSpec, nullptr) == -1)

@@ -6,7 +6,7 @@
 int main()
 {
     std::vector<uint8_t> dot{0xC0, 0xC0}; // two pixels by two, one byte a row
-    std::vector<uint8_t> page(100 * 13);  // 100 pixels by 100
+    std::vector<uint8_t> page(1300);      // 100 pixels by 100, 13 bytes a row
     bmp::Bitmap(page.data(), 100, 100, 13).insert(bmp::Bitmap(dot.data(), 2, 2, 1), 0, 0, 2, 2, 49, 49);
-    safeCout << "pixel byte: " << int(page[49 * 13 + 6]) << '\n';
+    safeCout << "pixel byte: " << int(page[643]) << '\n';
 }

@@ -39,7 +39,7 @@ void syncFolderOf(const std::string& target)
 
 } // namespace
 
-ResultFile::ResultFile(std::string temporary, std::string target)
+ResultFile::ResultFile(const std::string& temporary, std::string target)
     : targetPath(std::move(target))
     , descriptor(createNew(temporary))
 {

@@ -21,7 +21,7 @@ public:
     ///
     /// @param target  the name it gets in the end, for messages
     /// @throws Failure  it cannot be created
-    ResultFile(std::string temporary, std::string target);
+    ResultFile(const std::string& temporary, std::string target);
     ~ResultFile() override;
     ResultFile(const ResultFile&) = delete;
     ResultFile& operator=(const ResultFile&) = delete;
