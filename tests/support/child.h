@@ -27,6 +27,14 @@ enum class Streams
     together ///< standard error goes to the pipe of standard output
 };
 
+/// An emulator adds a line of its own where the program that it runs is aborted.
+inline void dropEmulatorsWords(std::string& text)
+{
+    const std::string words = "qemu: uncaught target signal 6 (Aborted) - core dumped\n";
+    for (size_t at = text.find(words); at != std::string::npos; at = text.find(words, at))
+        text.erase(at, words.size());
+}
+
 /// Forks; the child runs `body` and ends by `exit(0)`, with all that belongs to an orderly end.
 template <typename Body>
 ChildResult runInChild(Body body, Streams streams = Streams::apart)
@@ -69,6 +77,8 @@ ChildResult runInChild(Body body, Streams streams = Streams::apart)
     close(err[0]);
     while (waitpid(child, &result.status, 0) < 0 && errno == EINTR) {
     }
+    dropEmulatorsWords(result.out);
+    dropEmulatorsWords(result.err);
     return result;
 }
 
