@@ -1,5 +1,6 @@
 #include "Quorvil/GeneralException.h"
 #include "Quorvil/ImplementedFunc.h"
+#include "Quorvil/OvxFs.h"
 #include "Quorvil/QuorvilFastAllocator.h"
 #include "Quorvil/QuorvilGlobalsIntern.h"
 #include "Quorvil/QuorvilInit.h"
@@ -95,6 +96,13 @@ quorvil::SimpleHeap quorvil::SimpleHeap::singleton(0x100000);
 std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
 quorvil::sync::LockGroup quorvil::sync::gl_trenvikLockGroup;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
+
+namespace {
+
+const ovxfsvm::DrivePathManager drivePaths;
+
+} // namespace
+
 constinit std::mutex ovx::ImplementedFunc::mu;
 std::set<std::string> ovx::ImplementedFunc::allImplemented;
 
@@ -106,6 +114,8 @@ const ThreadKey keyHolder;
 
 tss::ThreadSafeStream safeCout(std::cout);
 tss::ThreadSafeStream safeCerr(std::cerr);
+// Never deleted: who makes drives may do so to the very end.
+ovxfs::OVXFSFactory* ovxfs::OVXFSFactory::I = new ovxfs::OVXFSFactoryVm;
 
 std::recursive_mutex& quorvil::intern::consoleLock()
 {
@@ -125,4 +135,9 @@ pthread_key_t quorvil::intern::threadKey()
 void quorvil::intern::threadKeyDestructor(void*)
 {
     // No thread is managed yet, so that no value ever stands under the key.
+}
+
+const ovxfsvm::DrivePathManager& quorvil::intern::drivePathManager()
+{
+    return drivePaths;
 }

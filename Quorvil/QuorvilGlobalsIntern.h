@@ -7,6 +7,10 @@
 #include <mutex>
 #include <pthread.h>
 
+namespace ovxfsvm {
+class DrivePathManager;
+}
+
 namespace quorvil::intern {
 
 /// The one lock of `safeCout`, `safeCerr` and `safePrintf`. It needs no constructor: it holds before any.
@@ -20,6 +24,9 @@ pthread_key_t threadKey();
 
 /// What the system library calls for each thread that ends with a value under `threadKey()`.
 void threadKeyDestructor(void* value);
+
+/// The folders of the simulated printer's drives.
+const ovxfsvm::DrivePathManager& drivePathManager();
 
 } // namespace quorvil::intern
 
