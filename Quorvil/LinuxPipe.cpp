@@ -46,7 +46,8 @@ void mustSucceedInChild(int line, int result)
                  "%s: Quorvil/SafeLinuxCalls:32: int util::safe(const char*, const char*, int, int, "
                  "bool): Assertion `linuxFuncResult != -1' failed.\n",
                  constructor, source, line, error, words ? words : "Unknown error", program_invocation_short_name);
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, std::min(static_cast<size_t>(length), sizeof text - 1));
+    [[maybe_unused]] const ssize_t written =
+        write(STDERR_FILENO, text, std::min(static_cast<size_t>(length), sizeof text - 1));
     std::abort();
 }
 

@@ -5,6 +5,7 @@
 #include "tests/support/environment.h"
 #include "tests/support/interpose.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -16,7 +17,6 @@
 #include <gtest/gtest.h>
 #include <iostream>
 #include <optional>
-#include <regex>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -54,10 +54,17 @@ namespace {
 using util::LinuxPipe;
 using util::MyPipe;
 
-/// The text with every number behind "=" and "process" as N, but for 0.
-std::string withoutNumbers(const std::string& text)
+/// The text with each number behind "=", "process" and "LinuxPipe:" as N, but for 0.
+std::string withoutNumbers(std::string text)
 {
-    return std::regex_replace(text, std::regex("(=|process)(0x)?[1-9a-f][0-9a-f]*"), "$1N");
+    for (const std::string prefix : {"=", "process", "LinuxPipe:"})
+        for (size_t at = 0; (at = text.find(prefix, at)) != std::string::npos;) {
+            at += prefix.size();
+            const size_t length = std::min(text.find_first_not_of("0123456789abcdefx", at), text.size()) - at;
+            if (length > 0 && text.compare(at, length, "0") != 0)
+                text.replace(at, length, "N");
+        }
+    return text;
 }
 
 const std::string trace = "stdinFd[0]=N, stdinFd[1]=N, stdoutFd[0]=N, stdoutFd[1]=N, stderrFd[0]=N, stderrFd[1]=N\n";
@@ -262,13 +269,10 @@ TEST(MyPipe, FailedCallsInTheChildEndTheChildAlone)
             std::string(program_invocation_short_name) +
             ": Quorvil/SafeLinuxCalls:32: int util::safe(const char*, const char*, int, int, bool): Assertion "
             "`linuxFuncResult != -1' failed.\n";
-        const auto withoutLine = [](const std::string& written) {
-            return std::regex_replace(written, std::regex("LinuxPipe:[0-9]+"), "LinuxPipe:N");
-        };
-        EXPECT_EQ(withoutLine(child.out), row.onOwnStream ? text : "");
+        EXPECT_EQ(withoutNumbers(child.out), row.onOwnStream ? text : "");
         if (!row.onOwnStream) {
-            EXPECT_THAT(withoutLine(child.err), testing::HasSubstr("pid=0\n"));
-            EXPECT_THAT(withoutLine(child.err), testing::HasSubstr(text));
+            EXPECT_THAT(withoutNumbers(child.err), testing::HasSubstr("pid=0\n"));
+            EXPECT_THAT(withoutNumbers(child.err), testing::HasSubstr(text));
         }
     }
 }
