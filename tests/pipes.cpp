@@ -2,7 +2,6 @@
 
 #include "tests/support/assertion.h"
 #include "tests/support/child.h"
-#include "tests/support/environment.h"
 #include "tests/support/interpose.h"
 
 #include <algorithm>
@@ -16,9 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <iostream>
-#include <optional>
 #include <string>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -27,6 +24,7 @@ SUPPORT_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags), noexcept)
 SUPPORT_INTERPOSE(pid_t, fork, (), (), noexcept)
 SUPPORT_INTERPOSE(int, dup2, (int from, int to), (from, to), noexcept)
 SUPPORT_INTERPOSE(pid_t, waitpid, (pid_t child, int* status, int options), (child, status, options), )
+SUPPORT_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
 SUPPORT_INTERPOSE(int, pclose, (FILE * stream), (stream), )
 
 /// `execlp` has its arguments in a row; a call that does not fail hands them on as a vector.
@@ -301,14 +299,9 @@ TEST(LinuxPipe, GoesOnAfterAFailedPopenOrPclose)
 {
     const support::ChildResult child = runPipe([] {
         {
-            // No descriptor is left for a pipe.
-            rlimit limit{};
-            getrlimit(RLIMIT_NOFILE, &limit);
-            const rlimit none{3, limit.rlim_max};
-            setrlimit(RLIMIT_NOFILE, &none);
+            const support::FaultScope fault(popenFault, 0, EMFILE);
             if (LinuxPipe("echo never", true).go())
                 _exit(1);
-            setrlimit(RLIMIT_NOFILE, &limit);
         }
         FILE* stream = nullptr;
         {
