@@ -155,11 +155,36 @@ public:
     virtual void attachToServerSocket(ServerSocketImplPtr server, SocketList::iterator it);
 
 private:
+    /// A thread inside `read` or `write`. As long as one is, the descriptor is not given back to the system, so that
+    /// its number cannot come to mean another file under the call.
+    class Use
+    {
+    public:
+        explicit Use(SocketImpl& socket_)
+            : socket(socket_)
+        {
+            ++socket.inCall;
+        }
+
+        ~Use()
+        {
+            if (--socket.inCall == 0)
+                socket.inCall.notify_all();
+        }
+
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+
+    private:
+        SocketImpl& socket;
+    };
+
     void leaveServerSocket();
 
     ServerSocketImplPtr serverSocket;
     SocketList::iterator listEntry;
-    std::atomic<int> fd; // a closing thread sets it beside a reader
+    std::atomic<int> fd;        // a closing thread sets it beside a reader
+    std::atomic<int> inCall{0}; // threads that may be about to use the descriptor
 };
 
 class ServerSocketImpl : public ServerSocket
@@ -221,10 +246,12 @@ SocketImpl::SocketImpl(int fd_)
 
 int SocketImpl::read()
 {
-    if (fd == -1)
+    const Use use(*this);
+    const int fd1 = fd;
+    if (fd1 == -1)
         throw SocketException("read when socket is not open");
     unsigned char byte = 0;
-    const ssize_t length = ::read(fd, &byte, 1);
+    const ssize_t length = ::read(fd1, &byte, 1);
     if (length == -1)
         fail("read failed");
     if (length == 0)
@@ -234,10 +261,12 @@ int SocketImpl::read()
 
 void SocketImpl::write(int value)
 {
-    if (fd == -1)
+    const Use use(*this);
+    const int fd1 = fd;
+    if (fd1 == -1)
         throw SocketException("write when socket is not open");
     const auto byte = static_cast<unsigned char>(value);
-    if (::write(fd, &byte, 1) != 1)
+    if (::write(fd1, &byte, 1) != 1)
         fail("write filed");
 }
 
@@ -248,9 +277,14 @@ void SocketImpl::close()
     // First of all it wakes who is blocked in a read.
     if (shutdown(fd, SHUT_RDWR) == -1)
         fail("shutdown failed");
-    if (::close(fd) == -1)
+    // Who comes now finds the socket closed; who is inside was woken and leaves.
+    const int fd1 = fd.exchange(-1);
+    for (int users = inCall; users != 0; users = inCall)
+        inCall.wait(users);
+    if (::close(fd1) == -1) {
+        fd = fd1;
         fail("close failed");
-    fd = -1;
+    }
     leaveServerSocket();
 }
 

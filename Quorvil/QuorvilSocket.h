@@ -36,9 +36,9 @@ private:
 /// | open   | one byte        | closed; open still if it throws                  |
 /// | closed | throw           | nothing                                          |
 ///
-/// Without a lock: one thread may read while another writes, and a third may close, which wakes a blocked reader; but
-/// only one may close. A signal that cuts a call short is reported as a failure. An accepted socket keeps its server
-/// socket alive until it is closed.
+/// Without a lock: one thread may read while another writes, and a third may close, which wakes a blocked reader
+/// and returns when it has left; but only one may close. A signal that cuts a call short is reported as a failure. An
+/// accepted socket keeps its server socket alive until it is closed.
 ///
 /// The destructor closes whatever fails, and writes on `std::cerr` the message that `close` would have thrown; a
 /// connection that the peer has reset (`ENOTCONN`) is no failure there.
