@@ -676,13 +676,15 @@ TEST_F(LabelPrinter, TellsItsProgressAndLeavesNothingWhenItIsInterrupted)
     const struct
     {
         std::string text;
-        const char* line;
+        std::vector<const char*> lines;
     } rows[] = {
-        {"page 2000 2000\npages 9999\nfill 0 0 2000 2000", "page %d of 9999 after %lf s"},
+        // On a slow machine the second may pass while a page is drawn.
+        {"page 2000 2000\npages 9999\nfill 0 0 2000 2000",
+         {"page %d of 9999 after %lf s", "page %d of 9999, %*d %% drawn, after %lf s"}},
         // Nothing is drawn: the time goes into the results.
-        {"page 2000 2000\npages 9999", "page %d of 9999 after %lf s"},
+        {"page 2000 2000\npages 9999", {"page %d of 9999 after %lf s"}},
         // One page that takes long to draw.
-        {"page 2000 2000\nrepeat 1000 1000 0 0 invert 0 0 2000 2000", "page %d of 1, %*d %% drawn, after %lf s"},
+        {"page 2000 2000\nrepeat 1000 1000 0 0 invert 0 0 2000 2000", {"page %d of 1, %*d %% drawn, after %lf s"}},
     };
     for (const auto& row : rows) {
         put(job(), row.text);
@@ -700,7 +702,9 @@ TEST_F(LabelPrinter, TellsItsProgressAndLeavesNothingWhenItIsInterrupted)
         expectFailure(outcome, "interrupted, nothing was written");
         int page = 0;
         double seconds = 0;
-        ASSERT_EQ(std::sscanf(line.c_str(), row.line, &page, &seconds), 2) << line;
+        ASSERT_TRUE(std::ranges::any_of(row.lines, [&](const char* format) {
+            return std::sscanf(line.c_str(), format, &page, &seconds) == 2;
+        })) << line;
         EXPECT_GT(page, 0);
         EXPECT_GE(seconds, 1.0);
         ASSERT_GE(names.size(), 2U);
