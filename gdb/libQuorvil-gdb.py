@@ -264,7 +264,7 @@ that formats the lists in the process is not called. Bytes that cannot be shown 
 
     def invoke(self, argument, from_tty):
         option = re.match(r"\s*-as\s+(\"[^\"]+\"|\S+)\s*(.*)", argument, re.S)
-        shape = gdb.lookup_type(option[1].strip('"')) if option else None
+        shape = self.type_named(option[1].strip('"')) if option else None
         expression = (option[2] if option else argument).strip() or "util::gl_pTrenvikLimitedBuffer"
         recorder = Recorder(self.buffer(expression))
         if shape and recorder.entries and shape.sizeof != recorder.length:
@@ -275,6 +275,12 @@ that formats the lists in the process is not called. Bytes that cannot be shown 
         write("\n==============\n\n")
         if recorder.locked:
             write("(A thread was inside the recorder: the newest text may be half there.)\n")
+
+    def type_named(self, name):
+        try:
+            return gdb.lookup_type(name)
+        except gdb.error as error:
+            raise gdb.GdbError(str(error)) from None
 
     def buffer(self, expression):
         try:

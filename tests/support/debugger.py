@@ -40,6 +40,7 @@ FAILURES = [
     ("quorvil-recorder noRecorder", "no recorder is installed: noRecorder is empty"),
     ("quorvil-recorder row", "row is a sqlite3cpp::PrepStat, not a util::LimitedBuffer"),
     ("quorvil-recorder -as short filling", "a list has 8 bytes, a short 2"),
+    ("quorvil-recorder -as nothing filling", "No type named nothing."),
     ("quorvil-recorder nowhere", 'No symbol "nowhere" in current context.'),
 ]
 
