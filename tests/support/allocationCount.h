@@ -1,4 +1,4 @@
-// Counts what a thread takes from the system's allocator, and makes it fail on request.
+// Counts what a thread takes from the system's allocator.
 
 #ifndef QUORVIL_TESTS_SUPPORT_ALLOCATIONCOUNT_H
 #define QUORVIL_TESTS_SUPPORT_ALLOCATIONCOUNT_H
@@ -29,23 +29,6 @@ public:
 private:
     size_t allocationsBefore;
     size_t releasesBefore;
-};
-
-/// While it lives, the calling thread's `kth` allocation from now on (1 is the next one) fails: `malloc` gives null,
-/// `operator new` throws `std::bad_alloc`. One at a time in a thread, and only where `hidden()` is null.
-class AllocationFailure
-{
-public:
-    explicit AllocationFailure(size_t kth);
-    ~AllocationFailure();
-    AllocationFailure(const AllocationFailure&) = delete;
-    AllocationFailure& operator=(const AllocationFailure&) = delete;
-
-    /// An allocation has been made to fail. A test that walks through all k is done when none was.
-    bool reached() const;
-
-    /// Why allocations cannot be made to fail here, or null.
-    static const char* hidden();
 };
 
 } // namespace support

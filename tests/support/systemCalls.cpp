@@ -8,11 +8,9 @@
 #include <gtest/gtest.h>
 
 #if defined(__x86_64__) && !QUORVIL_TEST_SANITIZED
+#define RECORDED
 
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
@@ -70,9 +68,21 @@ void installFilter()
 
 } // namespace
 
+#endif
+
+const char* support::systemCallsHidden()
+{
+#ifdef RECORDED
+    return nullptr;
+#else
+    return "system calls are recorded on x86-64 only, and with a sanitizer nowhere";
+#endif
+}
+
 std::vector<int> support::systemCallsOf(const std::function<void()>& function)
 {
     std::vector<int> calls;
+#ifdef RECORDED
     calls.reserve(1000);
     // The filter ends with the thread.
     std::thread([&] {
@@ -81,28 +91,11 @@ std::vector<int> support::systemCallsOf(const std::function<void()>& function)
         function();
         recorded = nullptr;
     }).join();
+#else
+    function();
+#endif
     return calls;
 }
-
-const char* support::systemCallsHidden()
-{
-    return nullptr;
-}
-
-#else
-
-std::vector<int> support::systemCallsOf(const std::function<void()>& function)
-{
-    function();
-    return {};
-}
-
-const char* support::systemCallsHidden()
-{
-    return "system calls are recorded on x86-64 only, and with a sanitizer nowhere";
-}
-
-#endif
 
 void support::expectNothingOfTheSystem(const std::function<void()>& function, const std::vector<int>& calls)
 {
