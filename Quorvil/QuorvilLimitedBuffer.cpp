@@ -60,6 +60,42 @@ std::size_t writeRun(std::ostream& out, std::string_view ring, std::size_t from,
     return ring.size() - from + to;
 }
 
+/// Whether `step` came through. What it throws is reported on `std::cerr`: the console's thread must not end the
+/// process because a stream or a formatter failed. A thread that is cancelled goes on unwinding.
+template <class Step>
+bool succeeds(Step step)
+{
+    const auto report = [](const char* reason) {
+        // Not by the stream itself: it is tied to the console's output, which may just have thrown, and may throw too.
+        std::ostream(std::cerr.rdbuf()) << "LBInteractiveDump: " << reason << '\n';
+    };
+    try {
+        step();
+        return true;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& exception) {
+        report(exception.what());
+    } catch (...) {
+        report("unknown exception");
+    }
+    return false;
+}
+
+/// One turn of the dialogue up to the echo. Whether the line asks for a print: it is neither the letter nor the last.
+bool askForPrint()
+{
+    write(std::cout, "Enter: dump gl_trenvikLimitedBuffer\n"
+                     "q (und Enter): Quit\n"
+                     "(vor getline)\n");
+    std::string line;
+    // What the input throws ends the dialogue as any failure of it, behind the echo.
+    succeeds([&] { std::getline(std::cin, line); });
+    write(std::cout, "line: '" + line + "'\n");
+    // A stream that failed without an end of file would never deliver anything else.
+    return std::cin.good() && line != "q";
+}
+
 } // namespace
 
 namespace util {
@@ -261,46 +297,6 @@ std::ostream& operator<<(std::ostream& out, LimitedBuffer& buffer)
     buffer.print(out);
     return out;
 }
-
-namespace {
-
-/// Whether `step` came through. What it throws is reported on `std::cerr`: the console's thread must not end the
-/// process because a stream or a formatter failed. A thread that is cancelled goes on unwinding.
-template <class Step>
-bool succeeds(Step step)
-{
-    const auto report = [](const char* reason) {
-        // Not by the stream itself: it is tied to the console's output, which may just have thrown, and may throw too.
-        std::ostream(std::cerr.rdbuf()) << "LBInteractiveDump: " << reason << '\n';
-    };
-    try {
-        step();
-        return true;
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (const std::exception& exception) {
-        report(exception.what());
-    } catch (...) {
-        report("unknown exception");
-    }
-    return false;
-}
-
-/// One turn of the dialogue up to the echo. Whether the line asks for a print: it is neither the letter nor the last.
-bool askForPrint()
-{
-    write(std::cout, "Enter: dump gl_trenvikLimitedBuffer\n"
-                     "q (und Enter): Quit\n"
-                     "(vor getline)\n");
-    std::string line;
-    // What the input throws ends the dialogue as any failure of it, behind the echo.
-    succeeds([&] { std::getline(std::cin, line); });
-    write(std::cout, "line: '" + line + "'\n");
-    // A stream that failed without an end of file would never deliver anything else.
-    return std::cin.good() && line != "q";
-}
-
-} // namespace
 
 LBInteractiveDump::LBInteractiveDump(LimitedBuffer& buffer_)
     : buffer(buffer_)
