@@ -19,6 +19,8 @@ MARK = re.compile(r"@realtime bounded(?:\s+@|$)")
 EXCEPTIONS = {
     ("InitCondVar.h", "~InitCondVar"): "it ends a mutex and a condition",
     ("QuorvilAssert.h", "require"): "it is part of nearly every operation that is counted",
+    ("QuorvilDataIO.h", "run"): "it does nothing",
+    ("QuorvilDataIO.h", "start"): "it does nothing",
     ("QuorvilFastAllocator.h", "deallocate"): "the counted containers call it",
     ("QuorvilInit.h", "Quorvil_constructor"): "the loader calls it, before there are threads",
     ("QuorvilPthread.h", "InternThread"): "it is made by constructors that allocate",
