@@ -381,6 +381,21 @@ TEST(MyPipe, FailedCallsInTheChildEndTheChildAlone)
     }
 }
 
+TEST(MyPipe, LeavesNothingBehindWhereItsTraceCannotBeWritten)
+{
+    const support::ChildResult child = support::runInChild([] {
+        std::setvbuf(stdout, nullptr, _IONBF, 0);
+        std::cerr.exceptions(std::ios::badbit), std::cout.exceptions(std::ios::badbit);
+        const int before = nextDescriptor();
+        const support::HookScope hook(forkFault, [] { close(STDERR_FILENO), close(STDOUT_FILENO); });
+        EXPECT_THROW(MyPipe("exit 0"), std::ios::failure) << "behind the fork";
+        EXPECT_THROW(MyPipe("exit 0"), std::ios::failure) << "before it";
+        EXPECT_THROW(util::LinuxPipe("exit 0", true), std::ios::failure);
+        _exit(testing::Test::HasFailure() || fcntl(before, F_GETFD) != -1 || wait(nullptr) != -1 ? 1 : 0);
+    });
+    EXPECT_EQ(child.status, 0);
+}
+
 TEST(LinuxPipe, ReadsFromOrWritesToACommandAndGoesOnAfterAFailure)
 {
     const support::ChildResult child = support::runInChild([] {
