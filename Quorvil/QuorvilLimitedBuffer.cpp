@@ -24,7 +24,9 @@ using quorvil::intern::require;
 
 constexpr const char* sourceText = "Quorvil/QuorvilLimitedBuffer";
 
-constinit std::atomic<bool> bufferingActive{false};
+/// The library holds these, too, for callers that take no function from a header.
+[[gnu::used]] constexpr auto emittedAdd = &util::LimitedBuffer::add;
+[[gnu::used]] constexpr auto emittedIsActive = &util::LimitedBuffer::isBufferingActive;
 
 /// The body of `checkInvariants`, which each text that is added passes twice.
 void requireRing(const char* begin, const char* end, const char* next, std::size_t size)
@@ -125,14 +127,11 @@ LimitedBuffer::~LimitedBuffer()
     delete[] begin;
 }
 
+constinit std::atomic<bool> LimitedBuffer::bufferingActive{false};
+
 void LimitedBuffer::setBufferingActive(bool active)
 {
     bufferingActive = active;
-}
-
-bool LimitedBuffer::isBufferingActive()
-{
-    return bufferingActive;
 }
 
 /// The common body of `add` and `addf`; `lock` is the caller's, on `mutex`.
@@ -157,10 +156,8 @@ inline void LimitedBuffer::internAdd(const char* text, std::size_t len, std::uni
     requireRing(begin, end, next, size);
 }
 
-void LimitedBuffer::add(const char* text, std::size_t len)
+void LimitedBuffer::addActive(const char* text, std::size_t len)
 {
-    if (!bufferingActive)
-        return;
     std::unique_lock lock(mutex);
     internAdd(text, len, lock);
 }

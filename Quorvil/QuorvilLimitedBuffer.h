@@ -7,6 +7,7 @@
 #include "Quorvil/QuorvilExport.h"
 #include "Quorvil/QuorvilLimitedStateValueBuffer.h"
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -76,14 +77,22 @@ public:
     /// Whether buffers record and print.
     ///
     /// @threads any   @realtime bounded
-    static bool isBufferingActive();
+    static bool isBufferingActive()
+    {
+        return bufferingActive;
+    }
 
     /// Adds `len` bytes of text. Lists whose place is overwritten go.
     ///
     /// @requires `(ptrdiff_t)len < (end - begin)`
     /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime bounded
-    void add(const char* text, std::size_t len);
+    void add(const char* text, std::size_t len)
+    {
+        // Here, so that a recorder that is switched off costs its caller no call.
+        if (bufferingActive)
+            addActive(text, len);
+    }
 
     /// Adds the text of `vsnprintf`, cut at 511 bytes without a mark. No line end is added.
     ///
@@ -159,6 +168,9 @@ public:
     char* ringNext() const;
 
 private:
+    static std::atomic<bool> bufferingActive;
+
+    void addActive(const char* text, std::size_t len);
     void internAdd(const char* text, std::size_t len, std::unique_lock<std::mutex>& lock);
 
     char* begin;
