@@ -248,6 +248,8 @@ TEST(Conversion, ReportsWhereItFailsAndKeepsWhatStandsBefore)
     } rows[] = {
         {"C.UTF-8", "\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x96\xA8", L"\xE4 \x20AC \x1F5A8", ""},
         {"C.UTF-8", std::string(1000, 'x') + "\xE2\x82", std::wstring(1000, L'x'), cutOff + "1000\n", 1},
+        {"de_DE.UTF-8", "gr\xC3\xBC\xC3\x9F", L"gr\xFC\xDF", ""},
+        {"de_DE.UTF-8", "gr\xC3\xBC\xC3\xC3", L"gr\xFC", invalid, 1},
         {"ja_JP.EUC-JP", "a\xA4\xA2\xA4", L"a\x3042", cutOff + "3\n", 3},
         {"C", std::string("a\0b\xC3", 4), std::wstring(L"a\0b", 3), invalid, 4},
         {"C", "abc", L"ab", noMemory, 3, 3},
@@ -273,7 +275,10 @@ TEST(Conversion, ReportsWhereItFailsAndKeepsWhatStandsBefore)
 TEST(Conversion, OfWideTextDropsWhatTheLocaleCannotExpressAndCaseGoesByTheLocale)
 {
     const std::tuple<const char*, std::string, std::wstring> rows[] = {
-        {"C", "a", L"a\xE4"}, {"C.UTF-8", "a\xC3\xA4", L"A\xC4"}, {"ja_JP.EUC-JP", "a\xA4\xA2", L"A\x3042\x10FFFF"}};
+        {"C", "a", L"a\xE4"},
+        {"C.UTF-8", "a\xC3\xA4", L"A\xC4"},
+        {"de_DE.UTF-8", "\xC3\xA4\xC3\x9F", L"\xC4\xDF"},
+        {"ja_JP.EUC-JP", "a\xA4\xA2", L"A\x3042\x10FFFF"}};
     for (const auto& [locale, bytes, characters] : rows) {
         EXPECT_TRUE(std::setlocale(LC_CTYPE, locale));
         mywstring wide(characters);
