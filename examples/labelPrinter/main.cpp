@@ -48,7 +48,7 @@ void printJob(const std::string& job, const std::string& out, bool withTimes, bo
     // First the recorder, then the records: their memory lock covers it.
     labelPrinter::startTrace();
     labelPrinter::PageTimes times(withTimes);
-    labelPrinter::print(job, out, times);
+    labelPrinter::print(job, out, nullptr, times);
     times.close();
     // A failed output is about to be told, with the trace behind it.
     if (withTrace && std::cout)
