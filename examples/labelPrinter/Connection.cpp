@@ -30,16 +30,16 @@ std::string Connection::receive()
     std::string text;
     size_t lineBegin = 0;
     bool tooLong = false;
-    for (int byte = 0; (byte = next()) >= 0;) {
-        if (byte != '\n') {
-            text.push_back(static_cast<char>(byte));
-        } else if (isEndLine(text, lineBegin)) {
+    for (int byte = 0; byte >= 0;) {
+        byte = next();
+        if ((byte < 0 || byte == '\n') && isEndLine(text, lineBegin)) {
             text.resize(lineBegin);
             break;
-        } else {
-            text.push_back('\n');
-            lineBegin = text.size();
         }
+        if (byte >= 0)
+            text.push_back(static_cast<char>(byte));
+        if (byte == '\n')
+            lineBegin = text.size();
         // The rest is read, too: a client that is still sending would lose its answer if we closed.
         if (text.size() > longestJob) {
             tooLong = true;

@@ -7,10 +7,14 @@
 #include "Quorvil/QuorvilCoreDump.h"
 #include "Quorvil/ThreadSafeStream.h"
 
+#include <cstdio>
+
 namespace labelPrinter {
 
 void serve(const ServiceOptions& options)
 {
+    // Who reads a service's lines from a file or a pipe wants each when it is written.
+    (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
     expectFailedWrites();
     // Before the first thread: the signals are blocked, and the recorder is there.
     StopSignals signals;

@@ -73,7 +73,7 @@ std::string Drives::path(const std::string& name) const
     const auto found = realPath(folder + onDrive);
     if (!found)
         throw systemFailure(name, errno);
-    if (!found->starts_with(folder == "/" ? folder : folder + "/"))
+    if (*found != folder && !found->starts_with(folder == "/" ? folder : folder + "/"))
         throw leadsOut;
     if (!isKind(*found, S_IFREG))
         throw Failure(name + ": is no regular file");
