@@ -230,6 +230,7 @@ TEST_F(Controller, RefusesWithItsReasonAndGoesOn)
     put(folder / "state/spool/b.label", "page 8 8\nimage dot.pbm 0 0\n");
     ASSERT_TRUE(printer->says("job 4 printed: "));
     EXPECT_EQ(hear(silent), "refused: nothing came for 5 seconds\n");
+    EXPECT_EQ(printer->end(SIGHUP), 0) << printer->log;
     for (const int number : {1, 2, 3, 4})
         EXPECT_EQ(job(number), expected("page 8 8\nfill 0 0 1 1")) << number;
     EXPECT_TRUE(fs::exists(folder / "state/spool/b.accepted") && fs::exists(folder / "state/spool/c.refused"));
