@@ -14,6 +14,12 @@ install(TARGETS OvxLog StampGate EXPORT QuorvilTargets
     FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
 install(EXPORT QuorvilTargets NAMESPACE Quorvil:: DESTINATION "${packageFolder}" COMPONENT development)
 
+# gdb loads a script by itself that stands below its data folder under the library's full path. That path is the configured
+# one: another prefix at install time, and the script is to be loaded by hand.
+install(FILES "${PROJECT_SOURCE_DIR}/gdb/libQuorvil-gdb.py" COMPONENT library
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR}"
+    RENAME "libQuorvil.so.${PROJECT_VERSION}-gdb.py")
+
 configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/QuorvilConfig.cmake.in"
     "${PROJECT_BINARY_DIR}/QuorvilConfig.cmake" INSTALL_DESTINATION "${packageFolder}")
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/QuorvilConfigVersion.cmake" COMPATIBILITY SameMajorVersion)
@@ -31,7 +37,10 @@ set(CPACK_PACKAGE_NAME quorvil)
 set(CPACK_PACKAGE_CONTACT "The Quorvil developers <quorvil@example.org>")
 set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
-set(CPACK_STRIP_FILES ON)
+# What a debugger needs goes into packages of its own, libquorvil1-dbgsym and quorvil-siblings-dbgsym.
+set(CPACK_STRIP_FILES OFF)
+set(CPACK_DEBIAN_LIBRARY_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_SIBLINGS_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library development)
 if(QUORVIL_SIBLINGS STREQUAL "bundled")
