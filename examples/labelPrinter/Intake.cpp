@@ -161,6 +161,7 @@ void Intake::pause()
 
 void Intake::event()
 {
+    nameThread("watch");
     for (auto& line : lines)
         line->tick();
 }

@@ -2,6 +2,7 @@
 
 #include "Engine.h"
 #include "JobStore.h"
+#include "NamedThread.h"
 #include "PageFlow.h"
 #include "Status.h"
 
@@ -28,6 +29,7 @@ Sensor::Sensor(const Engine& theEngine, PageFlow& theFlow, Status& theStatus, Jo
 
 void Sensor::event()
 {
+    nameThread("sensor");
     const quorvil::Pos position = engine.position();
     const int left = 100 - static_cast<int>(int64_t{position.pos} * 100 / Engine::rowsPerRoll);
     status.sensed({position, left, flow.inFlight()});

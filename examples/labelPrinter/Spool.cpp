@@ -4,6 +4,7 @@
 #include "InputFile.h"
 #include "JobDesk.h"
 #include "JobStore.h"
+#include "NamedThread.h"
 
 #include "Quorvil/ScanDir.h"
 #include "Quorvil/ThreadSafeStream.h"
@@ -45,6 +46,7 @@ Spool::Spool(std::string theFolder, JobDesk& theDesk)
 
 void Spool::event()
 {
+    nameThread("spool");
     try {
         Versions now = look();
         for (const auto& [name, version] : now) {

@@ -4,6 +4,7 @@
 #include "Failure.h"
 #include "Interrupt.h"
 #include "JobDesk.h"
+#include "NamedThread.h"
 #include "Output.h"
 #include "PageFlow.h"
 #include "Progress.h"
@@ -30,6 +31,7 @@ Worker::Worker(JobStore& theStore, const Drives& theDrives, PageFlow& theFlow, c
 
 void Worker::event()
 {
+    nameThread("worker");
     while (!isInterrupted()) {
         const auto stored = store.take();
         if (!stored)
@@ -82,6 +84,7 @@ void Worker::compose(Job& job, int id)
         page->image = composer.compose(number);
         page->reach("composed");
         flow.toEngine().push(std::move(page));
+        progress.pageDone(number);
     }
 }
 
