@@ -1,6 +1,10 @@
 // The label printer as a service, run as its users do: a process of its own, clients over TCP, signals, kills.
 
+#include "Engine.h"
+#include "Trace.h"
+
 #include "Quorvil/QuorvilSocket.h"
+#include "tests/support/allocationCount.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporaryFolder.h"
 
@@ -330,6 +334,28 @@ TEST_F(Controller, GoesOnWithoutRoomOnTheDiskAndWithoutPrivileges)
     ASSERT_TRUE(start());
     ASSERT_TRUE(printer->says("job 1 printed: "));
     EXPECT_TRUE(job(1) == expected(large));
+}
+
+TEST(Engine, FeedsAPageWithoutTakingMemory)
+{
+    labelPrinter::startTrace();
+    labelPrinter::PageFlow flow;
+    labelPrinter::TimeRecords times(true);
+    util::InitCondVar gate("test");
+    gate.setInitialized();
+    labelPrinter::Engine engine(flow, gate);
+    for (int fed = 1; fed <= 3; ++fed) {
+        labelPrinter::PageHandle page = flow.take();
+        page->image = labelPrinter::Image(1000, 600);
+        page->image.blacken(0, 599, 77);
+        page->times = times.tryGet();
+        flow.toEngine().push(std::move(page));
+        const support::AllocationCount count;
+        engine.waitOnce();
+        EXPECT_EQ(count.allocations() + count.releases(), 0U);
+        EXPECT_EQ(engine.position().pos, 600 * fed);
+        EXPECT_EQ(flow.toOutput().pop()->dots, 77U);
+    }
 }
 
 } // namespace

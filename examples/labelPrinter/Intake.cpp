@@ -135,6 +135,7 @@ void Intake::giveUp(net::ServerSocket& server)
 
 void Intake::tell(const std::string& trouble)
 {
+    const util::Lock lock(mutex);
     if (std::exchange(told, trouble) != trouble)
         safeCerr << "labelPrinter: port " << port << ": " << trouble << "; trying again every second" << std::endl;
 }

@@ -60,7 +60,7 @@ private:
     /// Under the mutex.
     bool stopping = false;
     std::shared_ptr<net::ServerSocket> listening;
-    /// What was told last, so that no line comes twice in a row.
+    /// What was told last, so that no line comes twice in a row. Under the mutex, too.
     std::string told;
     bool started = false;
 };

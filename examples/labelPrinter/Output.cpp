@@ -107,10 +107,9 @@ void Output::finishJob(const PageInFlight& page)
              << " (.pbm .png .qrl), " << page.pages << (page.pages == 1 ? " page" : " pages") << std::endl;
 }
 
-void Output::giveUp(const PageInFlight& page, const std::exception& reason)
+void Output::giveUp(PageInFlight& page, const std::exception& reason)
 {
-    if (page.times)
-        page.times->add("broken off");
+    page.reach("broken off");
     results.reset();
     givenUp = page.run;
     // The user breaks off: the job stays as it is, in work, and is given back when all threads have ended.

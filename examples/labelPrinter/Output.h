@@ -48,7 +48,7 @@ private:
     void take(PageHandle page);
     void write(PageInFlight& page);
     void finishJob(const PageInFlight& page);
-    void giveUp(const PageInFlight& page, const std::exception& reason);
+    void giveUp(PageInFlight& page, const std::exception& reason);
 
     PageFlow& flow;
     JobStore& store;
