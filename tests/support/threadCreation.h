@@ -10,9 +10,11 @@
 #include <ctime>
 #include <filesystem>
 #include <iterator>
+#include <string>
 #include <thread>
 
 #include <pthread.h>
+#include <unistd.h>
 
 extern support::Fault pthread_createFault, pthread_joinFault, pthread_detachFault, pthread_cancelFault,
     pthread_setspecificFault, pthread_attr_initFault, pthread_attr_destroyFault, pthread_attr_setstacksizeFault,
@@ -46,10 +48,14 @@ inline std::ptrdiff_t threadsNow()
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-/// Threads of this process, with those that a sanitizer adds when the first one is started.
+/// Threads of this process, with those that a sanitizer adds when the first one is started. That first one is joined
+/// and gone: the system lists a joined thread for a moment more, which an emulator makes a long one.
 inline std::ptrdiff_t threadCount()
 {
-    std::thread([] {}).join();
+    std::filesystem::path entry;
+    std::thread([&entry] { entry = "/proc/self/task/" + std::to_string(gettid()); }).join();
+    while (std::filesystem::exists(entry))
+        std::this_thread::yield();
     return threadsNow();
 }
 
