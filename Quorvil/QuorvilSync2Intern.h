@@ -40,7 +40,7 @@ public:
     ///
     /// @param pool  where it belongs, not owned; null: nowhere yet
     /// @threads any   @realtime bounded
-    explicit Element(Pool* pool = nullptr);
+    Element(Pool* pool = nullptr);
 
     virtual ~Element();
 

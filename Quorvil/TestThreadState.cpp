@@ -32,19 +32,26 @@ int TestThreadState::get()
 void TestThreadState::incState(std::ostream& os)
 {
     const Lock lock(mutex);
-    ++state;
-    os << "Inc " << name << " to " << state << std::endl;
+    countUp(os);
 }
 
 bool TestThreadState::incAndCheckState1(int expected, std::ostream& os)
 {
     const Lock lock(mutex);
-    incState(os);
-    if (state == expected)
+    const int counted = countUp(os);
+    if (counted == expected)
         return true;
-    std::cerr << "** Unexpected state " + name + " after incrementation: " + std::to_string(state) + " instead of " +
+    std::cerr << "** Unexpected state " + name + " after incrementation: " + std::to_string(counted) + " instead of " +
                      std::to_string(expected) + "\n";
     return false;
+}
+
+/// With the mutex held. The stream may call back and move the state on; the result is the one that was written.
+int TestThreadState::countUp(std::ostream& os)
+{
+    const int counted = ++state;
+    os << "Inc " << name << " to " << counted << std::endl;
+    return counted;
 }
 
 bool TestThreadState::checkState1(int expected, std::ostream& os)

@@ -62,6 +62,8 @@ public:
     TestThreadState& operator=(const TestThreadState&) = delete;
 
 private:
+    int countUp(std::ostream& os);
+
     int state = 0;
     RecursiveMutex mutex;
     std::string name;

@@ -12,11 +12,8 @@ namespace support {
 inline std::string literal(const std::string& text)
 {
     std::string result;
-    for (const char c : text) {
-        if (std::strchr("\\^$.|?*+()[]{}", c))
-            result += '\\';
-        result += c;
-    }
+    for (const char c : text)
+        result += std::strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c : std::string(1, c);
     return result;
 }
 

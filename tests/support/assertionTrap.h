@@ -7,6 +7,7 @@
 
 #include <csetjmp>
 #include <dlfcn.h>
+#include <memory>
 #include <string>
 
 namespace assertionTrap {
@@ -20,13 +21,7 @@ inline bool armed = false;
 template <typename Action>
 __attribute__((noinline)) const std::string& failureOf(const Action& action)
 {
-    struct Armed
-    {
-        ~Armed()
-        {
-            armed = false;
-        }
-    } const untilReturn;
+    const std::shared_ptr<void> untilReturn(nullptr, [](void*) { armed = false; });
     failure.clear();
     armed = true;
     if (setjmp(place) == 0)

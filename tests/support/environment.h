@@ -3,31 +3,30 @@
 #ifndef QUORVIL_TESTS_SUPPORT_ENVIRONMENT_H
 #define QUORVIL_TESTS_SUPPORT_ENVIRONMENT_H
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QUORVIL_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define QUORVIL_TEST_SANITIZED 1
+#include <cstdlib>
+
+#ifndef __has_feature // a question to clang
+#define __has_feature(feature) 0
 #endif
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+#define QUORVIL_TEST_THREAD_SANITIZED 1
+#else
+#define QUORVIL_TEST_THREAD_SANITIZED 0
 #endif
-#ifndef QUORVIL_TEST_SANITIZED
+#if QUORVIL_TEST_THREAD_SANITIZED || defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+#define QUORVIL_TEST_SANITIZED 1
+#else
 #define QUORVIL_TEST_SANITIZED 0
 #endif
 
-#if defined(__SANITIZE_THREAD__)
-#define QUORVIL_TEST_THREAD_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define QUORVIL_TEST_THREAD_SANITIZED 1
-#endif
-#endif
-#ifndef QUORVIL_TEST_THREAD_SANITIZED
-#define QUORVIL_TEST_THREAD_SANITIZED 0
-#endif
-
-#include <cstdlib>
-
 namespace support {
+
+/// The build carries a sanitizer, whose runtime allocates, faults pages in and makes system calls of its own.
+inline constexpr bool sanitized = QUORVIL_TEST_SANITIZED;
+/// It is the thread sanitizer, which reports misuse that the system's calls refuse by an error.
+inline constexpr bool threadSanitized = QUORVIL_TEST_THREAD_SANITIZED;
+/// The tests run for 32-bit ARM, which here means: in an emulator, whose faults and system calls hide the program's.
+inline constexpr bool emulated = sizeof(void*) == 4;
 
 /// How many times its usual rounds a stress test makes: the environment's QUORVIL_STRESS, or 1.
 inline int stressFactor()
@@ -35,18 +34,6 @@ inline int stressFactor()
     const char* const factor = std::getenv("QUORVIL_STRESS");
     return factor && std::atoi(factor) > 0 ? std::atoi(factor) : 1;
 }
-
-/// The build carries a sanitizer, whose runtime allocates, faults pages in and makes system calls of its own.
-inline constexpr bool sanitized = QUORVIL_TEST_SANITIZED;
-/// It is the thread sanitizer, which reports misuse that the system's calls refuse by an error.
-inline constexpr bool threadSanitized = QUORVIL_TEST_THREAD_SANITIZED;
-
-/// The tests run for ARM, which here means: in an emulator, whose faults and system calls hide the program's.
-#ifdef __arm__
-inline constexpr bool emulated = true;
-#else
-inline constexpr bool emulated = false;
-#endif
 
 } // namespace support
 

@@ -17,7 +17,6 @@ MARK = re.compile(r"@realtime bounded(?:\s+@|$)")
 
 # Header and operation, with the reason why no count is needed.
 EXCEPTIONS = {
-    ("InitCondVar.h", "~InitCondVar"): "it ends a mutex and a condition",
     ("QuorvilAssert.h", "require"): "it is part of nearly every operation that is counted",
     ("QuorvilDataIO.h", "run"): "it does nothing",
     ("QuorvilDataIO.h", "start"): "it does nothing",

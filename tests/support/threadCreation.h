@@ -1,23 +1,22 @@
-// The calls that make, end and park threads, for tests that make them fail, stop them or watch them.
+// The calls that make, end and hold up threads, for tests that make them fail, stop them or watch them.
 
 #ifndef QUORVIL_TESTS_SUPPORT_THREADCREATION_H
 #define QUORVIL_TESTS_SUPPORT_THREADCREATION_H
 
 #include "tests/support/interpose.h"
 
-#include <array>
-#include <cstddef>
-#include <ctime>
+#include <atomic>
 #include <filesystem>
-#include <iterator>
+#include <string>
 #include <thread>
 
-#include <pthread.h>
+#include <unistd.h>
 
 extern support::Fault pthread_createFault, pthread_joinFault, pthread_detachFault, pthread_cancelFault,
     pthread_setspecificFault, pthread_attr_initFault, pthread_attr_destroyFault, pthread_attr_setstacksizeFault,
     pthread_attr_setinheritschedFault, pthread_attr_setschedpolicyFault, pthread_attr_getschedpolicyFault,
-    pthread_attr_setschedparamFault, nanosleepFault;
+    pthread_attr_setschedparamFault, pthread_mutex_lockFault, pthread_cond_waitFault, pthread_cond_broadcastFault,
+    nanosleepFault;
 
 namespace support {
 
@@ -33,12 +32,28 @@ struct AskedThread
 };
 extern AskedThread asked;
 
-/// Never fails; its hook is what a new thread does first.
-extern Fault threadStart;
+/// What the last `nanosleep` was asked for. A call that is made to fail leaves a rest of 1 s and 7 ns.
+extern timespec askedPause;
 
-/// What the last calls of `nanosleep` were asked for; the next one goes to place `nanosleepFault.calls`, from 0. A call
-/// that is made to fail leaves a rest of 1 s and 7 ns.
-extern std::array<timespec, 16> pauses;
+/// A count that one thread raises and another awaits: an order of threads that leaves nothing to time. It takes no
+/// mutex, so that no fault can strike in it.
+struct Gate
+{
+    void open()
+    {
+        ++count;
+        count.notify_all();
+    }
+
+    /// Returns once the gate was opened `times` times.
+    void await(int times = 1) const
+    {
+        for (int seen = count; seen < times; seen = count)
+            count.wait(seen);
+    }
+
+    std::atomic<int> count{0};
+};
 
 /// Threads of this process now.
 inline std::ptrdiff_t threadsNow()
@@ -46,10 +61,14 @@ inline std::ptrdiff_t threadsNow()
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-/// Threads of this process, with those that a sanitizer adds when the first one is started.
+/// Threads of this process, with those that a sanitizer adds when the first one is started. That first one is joined
+/// and gone: the system lists a joined thread for a moment more, which an emulator makes a long one.
 inline std::ptrdiff_t threadCount()
 {
-    std::thread([] {}).join();
+    std::filesystem::path entry;
+    std::thread([&entry] { entry = "/proc/self/task/" + std::to_string(gettid()); }).join();
+    while (std::filesystem::exists(entry))
+        std::this_thread::yield();
     return threadsNow();
 }
 
