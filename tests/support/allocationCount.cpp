@@ -28,7 +28,6 @@ extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* block);
 
 void* malloc(size_t size)
@@ -48,12 +47,6 @@ void* realloc(void* block, size_t size)
     releasesSoFar += block != nullptr;
     ++allocationsSoFar;
     return __libc_realloc(block, size);
-}
-
-void* aligned_alloc(size_t alignment, size_t size)
-{
-    ++allocationsSoFar;
-    return __libc_memalign(alignment, size);
 }
 
 void free(void* block)

@@ -13,8 +13,8 @@ namespace support {
 ///     queue.push(std::move(value));
 ///     EXPECT_EQ(0U, count.allocations());
 ///
-/// `malloc` and its family count, and with it `operator new`, in the library as in the test. Read it on the thread that
-/// made it. Counts can be nested.
+/// `malloc`, `calloc` and `realloc` count, and with them `operator new` at its usual alignment, in the library as in
+/// the test. Read it on the thread that made it. Counts can be nested.
 class AllocationCount
 {
 public:

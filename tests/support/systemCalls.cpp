@@ -7,9 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#if defined(__x86_64__) && !QUORVIL_TEST_SANITIZED
-#define RECORDED
-
 #include <csignal>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -25,6 +22,10 @@ namespace {
 
 /// The calls so far, in room that was taken in advance.
 constinit thread_local std::vector<int>* recorded = nullptr;
+
+#if defined(__x86_64__) && !QUORVIL_TEST_SANITIZED
+
+constexpr const char* hidden = nullptr;
 
 void recordAndPerform(int, siginfo_t* info, void* context)
 {
@@ -66,23 +67,24 @@ void installFilter()
         std::abort();
 }
 
-} // namespace
+#else
+
+constexpr const char* hidden = "system calls are recorded on x86-64 only, and with a sanitizer nowhere";
+
+void installFilter() {}
 
 #endif
+
+} // namespace
 
 const char* support::systemCallsHidden()
 {
-#ifdef RECORDED
-    return nullptr;
-#else
-    return "system calls are recorded on x86-64 only, and with a sanitizer nowhere";
-#endif
+    return hidden;
 }
 
 std::vector<int> support::systemCallsOf(const std::function<void()>& function)
 {
     std::vector<int> calls;
-#ifdef RECORDED
     calls.reserve(1000);
     // The filter ends with the thread.
     std::thread([&] {
@@ -91,9 +93,6 @@ std::vector<int> support::systemCallsOf(const std::function<void()>& function)
         function();
         recorded = nullptr;
     }).join();
-#else
-    function();
-#endif
     return calls;
 }
 
