@@ -94,7 +94,7 @@ TEST_F(LabelPrinter, DrawsRandomJobsPixelByPixelRight)
 {
     std::mt19937 random(20240514);
     const auto between = [&](int from, int to) { return std::uniform_int_distribution(from, to)(random); };
-    for (int round = 0; round < 150; ++round) {
+    for (int round = 0; round < 50; ++round) {
         Job drawn;
         drawn.width = between(1, 90);
         drawn.height = between(1, 600);
