@@ -47,6 +47,8 @@ int clientAt(int port, const std::string& text)
 {
     const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in peer = {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    if (client < 0)
+        std::abort();
     if (connect(client, reinterpret_cast<sockaddr*>(&peer), sizeof peer) == 0)
         (void)send(client, text.data(), text.size(), MSG_NOSIGNAL);
     return client;
@@ -147,9 +149,10 @@ struct Controller : testing::Test
     Words job(int number, const std::string& name = "state/out/job-") const
     {
         Words all;
-        for (const std::string page : {"", "-0001", "-0002", "-0003"})
+        for (const char* const page : {"", "-0001", "-0002", "-0003"})
             for (const char* const kind : {".pbm", ".png", ".qrl"})
-                if (const std::string file = folder / (name + std::to_string(number) + page + kind); fs::exists(file))
+                if (fs::path file = folder / name;
+                    fs::exists(file.concat(std::to_string(number)).concat(page).concat(kind)))
                     all.push_back(bytesOf(file));
         return all;
     }

@@ -24,9 +24,8 @@ Intake::Intake(int thePort, JobDesk& desk, Status& status, util::InitCondVar& th
     , freeLines(lineCount, {})
 {
     for (auto& line : lines) {
-        line =
-            std::make_unique<ClientLine>(desk, status, [this](ClientLine* free) { freeLines.push(std::move(free)); });
-        freeLines.push(line.get());
+        line = std::make_unique<ClientLine>(desk, status, [this](ClientLine* free) { freeLines.push(FreeLine{free}); });
+        freeLines.push(FreeLine{line.get()});
     }
 }
 
@@ -104,11 +103,11 @@ void Intake::acceptClients(net::ServerSocket& server)
     try {
         for (;;) {
             // First a line, then a client: what we cannot serve yet is better off in the system's queue.
-            ClientLine* line = freeLines.pop();
+            ClientLine* const line = freeLines.pop().line;
             try {
                 line->serve(server.accept());
             } catch (const net::SocketException& trouble) {
-                freeLines.push(std::move(line));
+                freeLines.push(FreeLine{line});
                 if (!isStopping())
                     tell(trouble.getMessage());
                 return;

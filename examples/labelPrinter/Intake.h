@@ -36,7 +36,12 @@ public:
     void stop();
 
 private:
-    using FreeLines = quorvil::BlockingQueue<ClientLine*, std::allocator<ClientLine*>>;
+    /// A line that waits for a client.
+    struct FreeLine
+    {
+        ClientLine* line = nullptr;
+    };
+    using FreeLines = quorvil::BlockingQueue<FreeLine, std::allocator<FreeLine>>;
 
     static constexpr size_t lineCount = 8;
 

@@ -39,7 +39,7 @@ JobReader::JobReader(std::string name, PicturePlaces thePlaces)
 {
 }
 
-JobReader::JobReader(std::string path)
+JobReader::JobReader(const std::string& path)
     : JobReader(path, PicturePlaces::besideFile(path, nullptr))
 {
 }

@@ -23,7 +23,7 @@ public:
     JobReader(std::string name, PicturePlaces places);
 
     /// A reader of a job file, whose pictures' paths are looked up from its folder.
-    explicit JobReader(std::string path);
+    explicit JobReader(const std::string& path);
 
     /// Reads the job from the file that its name is, and its pictures. One call a reader.
     ///

@@ -36,8 +36,7 @@ uint32_t crc32(uint32_t before, const uint8_t* bytes, size_t count)
 {
     uint32_t crc = ~before;
     for (size_t i = 0; i < count; ++i)
-        // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): it does not follow loops that fill an
-        // array
+        // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): it does not follow the loop of the table
         crc = crc >> 8 ^ crcTable[(crc ^ bytes[i]) & 0xFF];
     return ~crc;
 }
