@@ -1,48 +1,58 @@
-// The input is a program of operations on a bit stream of each direction, checked against their models, and then a row
-// of fields, written and read back.
+// The input is a program of writes and reads, run beside a model that goes bit by bit.
 
-#define QUORVIL_ASSERTION_TRAP
-#include "tests/support/bitStreamModel.h"
+#include "Quorvil/QuorvilBitStream.h"
+#include "fuzz/input.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
+#include <vector>
 
 namespace {
 
-void require(bool condition, const char* text)
+/// Counts what is fetched from it.
+struct Source final : IByteInputStream
 {
-    if (!condition) {
-        std::fprintf(stderr, "%s\n", text);
-        std::abort();
+    static uint8_t byteAt(size_t position)
+    {
+        return static_cast<uint8_t>(position * 0x9D + (position >> 3));
     }
-}
 
-/// Writes each byte as a field of its own width and reads the fields back.
-void roundTrip(std::basic_string_view<uint8_t> data)
-{
-    VecByteOutputStream sink;
-    const auto output = BitOutputStream::create(sink);
-    size_t count = 0;
-    for (const unsigned byte : data) {
-        output->write(0, static_cast<int>(byte % 32 + 1), byte * 0x9E3779B9);
-        count += byte % 32 + 1;
+    uint8_t readUint8() override
+    {
+        return byteAt(fetched++);
     }
-    output->flush();
-    require(sink.bytes().size() == (count + 7) / 8, "another number of bytes");
-    VecByteInputStream source(sink.bytes());
-    const auto input = BitInputStream::create(source);
-    for (const unsigned byte : data) {
-        const int numBits = static_cast<int>(byte % 32 + 1);
-        require(input->read(numBits) == byte * 0x9E3779B9 << (32 - numBits) >> (32 - numBits), "another value");
-    }
-}
+
+    size_t fetched = 0;
+};
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    const std::string difference = bitStreamModel::runProgram({data, size});
-    require(difference.empty(), difference.c_str());
-    roundTrip({data, size});
+    fuzz::Input data{bytes, size};
+    VecByteOutputStream sink;
+    const auto output = BitOutputStream::create(sink);
+    std::vector<bool> written;
+    Source source;
+    const auto input = BitInputStream::create(source);
+    size_t read = 0;
+    while (data.left > 0) {
+        const int firstBit = data.inRange(0, 1) * data.inRange(0, 63);
+        const int numBits = data.inRange(1, std::min(data.inRange(0, 1) == 0 ? 32 : 64, 64 - firstBit));
+        const auto value = static_cast<uint32_t>(data.inRange(INT32_MIN, INT32_MAX));
+        output->write(firstBit, numBits, value);
+        for (int bit = firstBit; bit < firstBit + numBits; ++bit)
+            written.push_back((uint64_t{value} >> bit & 1) != 0);
+        fuzz::require(sink.bytes().size() == written.size() / 32 * 4, "bytes written at another time");
+        uint32_t expected = 0;
+        for (int bit = 0; bit < std::min(numBits, 32); ++bit, ++read)
+            expected |= (Source::byteAt(read / 8) >> read % 8 & 1u) << bit;
+        fuzz::require(input->read(std::min(numBits, 32)) == expected, "another value");
+        fuzz::require(source.fetched == (read + 7) / 8, "a byte fetched at another time");
+    }
+    output->flush();
+    fuzz::require(sink.bytes().size() == (written.size() + 7) / 8, "another number of bytes");
+    written.resize(sink.bytes().size() * 8);
+    for (size_t bit = 0; bit < written.size(); ++bit)
+        fuzz::require((sink.bytes()[bit / 8] >> bit % 8 & 1) == written[bit], "another bit");
     return 0;
 }

@@ -1,147 +1,132 @@
-// Bitmaps: `insert` of the library and in its portable form, beside the pixel model.
+// Bitmaps: `insert` of the library and in its portable form, beside a model that goes pixel by pixel. Memory ends
+// behind the images, so that the address sanitizer sees every byte beside them.
 
 #include "fuzz/input.h"
-#include "tests/support/bitmapModel.h"
 #include "tests/support/portableBitmaps.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <memory>
+#include <vector>
 
 namespace {
 
-/// Memory of an image to its last byte and no further, so that the address sanitizer sees every byte beside it.
-struct Memory
-{
-    Memory(fuzz::Input& data, int w, int h)
-        : width(w)
-        , height(h)
-        , bytesPerRow((w + 7) / 8 + data.inRange(0, 3))
-        , size(static_cast<size_t>((h - 1) * bytesPerRow + (w + 7) / 8))
-        , bytes(new uint8_t[size])
-    {
-        // A generator from a few bytes of input: the fuzzer spends its bytes on the rectangle.
-        auto state = data.any<uint32_t>();
-        std::generate_n(bytes.get(), size,
-                        [&] { return static_cast<uint8_t>((state = state * 1664525 + 1013904223) >> 24); });
-    }
-
-    Memory(const Memory& other)
-        : width(other.width)
-        , height(other.height)
-        , bytesPerRow(other.bytesPerRow)
-        , size(other.size)
-        , bytes(new uint8_t[size])
-    {
-        std::copy_n(other.bytes.get(), size, bytes.get());
-    }
-
-    template <typename Kind>
-    Kind view() const
-    {
-        return Kind(bytes.get(), width, height, bytesPerRow);
-    }
-
-    int width;
-    int height;
-    int bytesPerRow;
-    size_t size;
-    std::unique_ptr<uint8_t[]> bytes;
-};
-
-/// Any number, more often one that has to do with the size.
-int number(fuzz::Input& data, int size)
-{
-    return data.flag() ? data.inRange(-size - 1, 2 * size + 1) : data.any<int>();
-}
+using Bytes = std::vector<uint8_t>;
 
 struct Rectangle
 {
     int x, y, w, h;
 };
 
-Rectangle rectangle(fuzz::Input& data, int width, int height)
+struct Image
 {
-    const int x = number(data, width);
-    const int y = number(data, height);
-    return {x, y, number(data, width), number(data, height)};
-}
+    int width, height, bytesPerRow;
+    int place; ///< of its first byte in the memory
 
-template <typename Kind>
-void compare(const Memory& source, Memory target, const Rectangle* clip, const Rectangle& from, int toX, int toY,
-             const Memory& expected)
-{
-    auto view = target.view<Kind>();
-    if (clip != nullptr)
-        view.clip(clip->x, clip->y, clip->w, clip->h);
-    view.insert(source.view<Kind>(), from.x, from.y, from.w, from.h, toX, toY);
-    if (!std::equal(target.bytes.get(), target.bytes.get() + target.size, expected.bytes.get()))
-        abort();
-}
-
-/// Two images; where `exact`, each of one row that holds the span and nothing else.
-void insertBetweenImages(fuzz::Input& data, bool exact)
-{
-    const int count = data.inRange(1, 900);
-    const int srcX = data.inRange(0, 7);
-    int toX = data.inRange(0, 7);
-    int toY = 0;
-    Rectangle from{srcX, 0, count, 1};
-    const Memory source(data, srcX + count, exact ? 1 : data.inRange(1, 5));
-    const Memory target(data, exact ? toX + count : data.inRange(1, 900), exact ? 1 : data.inRange(1, 5));
-    const Memory expected(target);
-    model::Image image{expected.bytes.get(), expected.width, expected.height, expected.bytesPerRow};
-    Rectangle clip{};
-    bool clipped = false;
-    if (!exact) {
-        from = rectangle(data, source.width, source.height);
-        toX = number(data, target.width);
-        toY = number(data, target.height);
-        clip = rectangle(data, target.width, target.height);
-        clipped = image.clip(clip.x, clip.y, clip.w, clip.h);
-        if (!clipped)
-            image.clip(0, 0, target.width, target.height);
+    uint8_t& byte(Bytes& memory, int64_t x, int64_t y) const
+    {
+        return memory[static_cast<size_t>(place + y * bytesPerRow + (x >> 3))];
     }
-    image.insert({source.bytes.get(), source.width, source.height, source.bytesPerRow}, from.x, from.y, from.w, from.h,
-                 toX, toY);
-    compare<bmp::Bitmap>(source, target, clipped ? &clip : nullptr, from, toX, toY, expected);
-    compare<portable::Bitmap>(source, target, clipped ? &clip : nullptr, from, toX, toY, expected);
+
+    template <typename Bitmap>
+    Bitmap view(Bytes& memory) const
+    {
+        return Bitmap(memory.data() + place, width, height, bytesPerRow);
+    }
+
+    size_t end() const
+    {
+        return static_cast<size_t>(place + (height - 1) * bytesPerRow + (width + 7) / 8);
+    }
+};
+
+Image makeImage(fuzz::Input& data)
+{
+    Image image{data.inRange(1, data.inRange(0, 1) == 0 ? 80 : 900), data.inRange(1, 5), 0, 0};
+    image.width += data.inRange(0, 1) * (-image.width & 7);
+    image.bytesPerRow = (image.width + 7) / 8 + data.inRange(0, 1) * data.inRange(0, 3);
+    image.place = data.inRange(0, 2) * image.bytesPerRow + data.inRange(0, 8);
+    return image;
 }
 
-/// Two views of one memory. It takes the input by value: both kinds get the same numbers.
-template <typename Kind>
-void insertInSharedMemory(fuzz::Input data)
+/// Mostly the usual number, sometimes one that has to do with the size, or one that has not.
+int number(fuzz::Input& data, int size, int usual)
 {
-    const int rows = data.inRange(1, 5);
-    const int srcBytesPerRow = data.inRange(1, 90);
-    const int bytesPerRow = data.flag() ? srcBytesPerRow : data.inRange(1, 90);
-    const int srcX = data.inRange(0, 7);
-    const int dstX = data.inRange(0, 7);
-    const int count = data.inRange(1, std::min(srcBytesPerRow * 8 - srcX, bytesPerRow * 8 - dstX));
-    const int srcStart = data.inRange(0, 200);
-    const int dstStart = data.inRange(0, 200);
-    const Memory memory(data, 8 * std::max(srcStart + rows * srcBytesPerRow, dstStart + rows * bytesPerRow), 1);
-    const Memory expected(memory);
-    model::Image{expected.bytes.get() + dstStart, bytesPerRow * 8, rows, bytesPerRow}.insertInOrder(
-        {expected.bytes.get() + srcStart, srcBytesPerRow * 8, rows, srcBytesPerRow}, srcX, count, rows, dstX);
-    const Kind source(memory.bytes.get() + srcStart, srcBytesPerRow * 8, rows, srcBytesPerRow);
-    Kind(memory.bytes.get() + dstStart, bytesPerRow * 8, rows, bytesPerRow)
-        .insert(source, srcX, 0, count, rows, dstX, 0);
-    if (!std::equal(memory.bytes.get(), memory.bytes.get() + memory.size, expected.bytes.get()))
-        abort();
+    const int kind = data.inRange(0, 15);
+    const int other = kind == 0   ? INT32_MAX
+                      : kind == 1 ? data.inRange(INT32_MIN, INT32_MAX)
+                                  : data.inRange(-size, size);
+    return kind < 3 ? other : usual;
+}
+
+Rectangle makeRectangle(fuzz::Input& data, const Image& image)
+{
+    const int x = number(data, image.width, data.inRange(0, 1) * data.inRange(0, 7));
+    const int y = number(data, image.height, 0);
+    const int most = data.inRange(0, 1) == 0 ? 12 : 900;
+    return {x, y, number(data, image.width, data.inRange(1, most)), number(data, image.height, image.height)};
+}
+
+/// ORs what is left of the rectangle `from` in both images and in `clip` into `target`, which may be the same memory:
+/// rows from top to bottom, bytes from left to right. A byte takes its pixels from one source byte after the other, and
+/// is written before the next is read; only the last byte, if the span does not fill it, is written once.
+void insert(Bytes& target, const Image& to, const Rectangle& clip, Bytes& source, const Image& src,
+            const Rectangle& from, int64_t toX, int64_t toY)
+{
+    const int64_t left = std::max({int64_t{0}, int64_t{clip.x}, toX, toX - from.x});
+    const int64_t right =
+        std::min({int64_t{to.width}, int64_t{clip.x} + clip.w, toX + from.w, toX - from.x + src.width});
+    const int64_t bottom =
+        std::min({int64_t{to.height}, int64_t{clip.y} + clip.h, toY + from.h, toY - from.y + src.height});
+    for (int64_t y = std::max({int64_t{0}, int64_t{clip.y}, toY, toY - from.y}); y < bottom; ++y)
+        for (int64_t x = left; x < right;) {
+            const bool writeOnce = x >> 3 != left >> 3 && x >> 3 == right >> 3;
+            const int64_t byteEnd = std::min((x | 7) + 1, right);
+            uint8_t& written = to.byte(target, x, y);
+            unsigned held = 0;
+            while (x < byteEnd) {
+                int64_t fromX = x - toX + from.x;
+                const int64_t partEnd = std::min(x + 8 - (fromX & 7), byteEnd);
+                for (const uint8_t read = src.byte(source, fromX, y - toY + from.y); x < partEnd; ++x, ++fromX)
+                    held |= static_cast<unsigned>(read << (fromX & 7) & 0x80) >> (x & 7);
+                if (!writeOnce || x == byteEnd)
+                    written = static_cast<uint8_t>(written | held);
+            }
+        }
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
-    fuzz::Input data(input, size);
-    const int kind = data.inRange(0, 2);
-    if (kind == 2) {
-        insertInSharedMemory<bmp::Bitmap>(data);
-        insertInSharedMemory<portable::Bitmap>(data);
-    } else {
-        insertBetweenImages(data, kind == 1);
-    }
+    fuzz::Input data{bytes, size};
+    const bool shared = data.inRange(0, 3) == 0;
+    const Image src = makeImage(data);
+    const Image to =
+        data.inRange(0, 1) == 0 ? makeImage(data) : Image{src.width, src.height, src.bytesPerRow, data.inRange(0, 200)};
+    const Rectangle from = makeRectangle(data, src);
+    const int toX = number(data, to.width, data.inRange(0, 1) == 0 ? from.x : data.inRange(0, 7));
+    const int toY = number(data, to.height, 0);
+    const int clipX = data.inRange(-9, to.width - 1);
+    const int clipY = data.inRange(-2, to.height - 1);
+    const int most = data.inRange(0, 1) == 0 ? 900 : INT32_MAX;
+    const Rectangle clip{clipX, clipY, data.inRange(std::max(1, 1 - clipX), most),
+                         data.inRange(std::max(1, 1 - clipY), most)};
+    // Noise from a few bytes of input: the fuzzer spends its bytes on the rectangle.
+    auto state = static_cast<uint32_t>(data.inRange(0, INT32_MAX));
+    const auto noise = [&] { return static_cast<uint8_t>((state = state * 1664525 + 1013904223) >> 24); };
+    Bytes source(src.end()), before(shared ? std::max(src.end(), to.end()) : to.end());
+    std::ranges::generate(source, noise);
+    std::ranges::generate(before, noise);
+    Bytes expected = before;
+    insert(expected, to, clip, shared ? expected : source, src, from, toX, toY);
+    const auto compare = [&]<typename Bitmap>() {
+        Bytes target = before;
+        auto view = to.view<Bitmap>(target), sourceView = src.view<Bitmap>(shared ? target : source);
+        sourceView.clip(0, 0, 1, 1); // does not count
+        view.clip(clip.x, clip.y, clip.w, clip.h);
+        view.insert(sourceView, from.x, from.y, from.w, from.h, toX, toY);
+        fuzz::require(target == expected, "another image");
+    };
+    compare.operator()<bmp::Bitmap>();
+    compare.operator()<portable::Bitmap>();
     return 0;
 }

@@ -1,66 +1,96 @@
-// Conversion between bytes and wide characters, beside the plain loop over the locale's functions; trimming.
-// The first byte chooses locale and operation.
+// Conversion between bytes and wide characters, beside the plain loop over the locale's functions, a call a character.
+// The first byte chooses the locale.
 
 #include "Quorvil/QuorvilMystring.h"
-#include "tests/support/plainConversion.h"
+#include "fuzz/input.h"
 
+#include <cerrno>
+#include <climits>
 #include <clocale>
-#include <cstdint>
 #include <cstring>
+#include <cwchar>
+#include <iostream>
+#include <iterator>
+#include <sstream>
 #include <string>
 
 namespace {
 
+/// Characters of each length, those that only old UTF-8 knows, and behind them each kind of bad byte.
+const char* const pieces[] = {"a", "eight ch", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x96\xA8", "\xEF\xBF\xBF",
+                              "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80", "\xFC\x84\x80\x80\x80\x80",
+                              // bad
+                              "\x80", "\xC3", "\xE2\x82", "\xF0\x9F\x96", "\xED\xA0\x80", "\xC0\x80", "\xFF"};
+constexpr size_t goodPieces = 9;
+
+/// Both ends of each range of bytes that UTF-8, in any of its ages, tells apart.
+constexpr char edges[] =
+    "\0a\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xED\xEE\xEF\xF0\xF1\xF4\xF5\xF7\xF8\xFB\xFC\xFD\xFE\xFF";
+
+/// Where the number of bytes changes, and what is no character.
+constexpr uint32_t characters[] = {1,      'a',     0x80,     0x800,    0xD800,    0xE000,
+                                   0xFFFF, 0x10000, 0x110000, 0x200000, 0x4000000, 0x80000000};
+
 void convertBytes(const std::string& bytes)
 {
-    static support::CerrCapture cerr;
-    if (support::libraryToWide(bytes, cerr) != support::plainToWide(bytes))
-        __builtin_trap();
-}
-
-void convertWide(const std::string& bytes)
-{
-    tolmen::mywstring wide;
-    for (size_t i = 0; i + sizeof(wchar_t) <= bytes.size(); i += sizeof(wchar_t)) {
-        wchar_t character;
-        std::memcpy(&character, &bytes[i], sizeof character);
-        wide += character;
+    std::wstring expected;
+    std::string expectedReport;
+    std::mbstate_t state{};
+    for (size_t at = 0; at < bytes.size() && expectedReport.empty();) {
+        wchar_t character = L'?';
+        const size_t n = std::mbrtowc(&character, bytes.data() + at, bytes.size() - at, &state);
+        if (n == static_cast<size_t>(-1))
+            expectedReport = std::string("mbrtowc: ") + std::strerror(errno) + "\nthrown";
+        else if (n == static_cast<size_t>(-2))
+            expectedReport =
+                "utf8 string that shall be converted to utf32 does not contain a valid multibyte character "
+                "at pos " +
+                std::to_string(at) + "\nthrown";
+        else
+            expected += character;
+        at += n == 0 ? 1 : n;
     }
-    const tolmen::mystring result(wide);
-    if (result != support::plainToBytes(wide))
-        __builtin_trap();
-    convertBytes(result);
+    std::ostringstream report;
+    std::streambuf* const console = std::cerr.rdbuf(report.rdbuf());
+    tolmen::mywstring wide(L"rest of before");
+    try {
+        wide = tolmen::mystring(bytes);
+    } catch (const tolmen::Utf8Exception&) {
+        report << "thrown";
+    }
+    std::cerr.rdbuf(console);
+    fuzz::require(wide == expected && report.str() == expectedReport, "other characters");
 }
 
-void trim(const std::string& bytes)
+void convertWide(const tolmen::mywstring& wide)
 {
-    const std::string wsBytes = bytes.c_str();
-    const std::string text = bytes.substr(std::min(wsBytes.size() + 1, bytes.size())).c_str();
-    const size_t first = text.find_first_not_of(wsBytes);
-    const size_t last = text.find_last_not_of(wsBytes);
-    const std::string kept = first == std::string::npos ? "" : text.substr(first, last - first + 1);
-    if (tolmen::mystring::trim(text.c_str(), wsBytes.c_str()) != kept)
-        __builtin_trap();
+    std::string expected;
+    std::mbstate_t state{};
+    for (const wchar_t character : wide) {
+        char buffer[MB_LEN_MAX];
+        const size_t n = std::wcrtomb(buffer, character, &state);
+        expected.append(buffer, n == static_cast<size_t>(-1) ? 0 : n);
+    }
+    fuzz::require(tolmen::mystring(wide) == expected, "other bytes");
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size == 0)
-        return 0;
-    if (!std::setlocale(LC_CTYPE, data[0] & 1 ? "C" : "C.UTF-8"))
-        __builtin_trap();
-    const std::string bytes(data + 1, data + size);
-    switch (data[0] >> 1 & 3) {
-    case 0:
-        convertWide(bytes);
-        break;
-    case 1:
-        trim(bytes);
-        break;
-    default:
-        convertBytes(bytes);
+    const unsigned kind = size > 0 ? data[0] : 0;
+    fuzz::require(std::setlocale(LC_CTYPE, kind % 2 == 1 ? "C" : "C.UTF-8") != nullptr, "no locale");
+    // A start that brings the ends of the batches, where a character could come apart, into reach.
+    std::string text(kind / 8 * 32, 'x'), spread;
+    tolmen::mywstring wide;
+    for (size_t i = 1; i < size; ++i) {
+        text += pieces[data[i] < std::size(pieces) ? data[i] : data[i] % goodPieces];
+        spread += edges[data[i] % (std::size(edges) - 1)];
+        wide.append(data[i] % 5, static_cast<wchar_t>(characters[data[i] % std::size(characters)] + data[i] % 7 - 2));
     }
+    convertBytes(text);
+    for (size_t at = 0; at < spread.size(); ++at)
+        convertBytes(spread.substr(at, at % 2 == 0 ? 3 : 12));
+    convertWide(wide);
     return 0;
 }

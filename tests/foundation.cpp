@@ -1,7 +1,6 @@
-// Foundation: the log frame, failure reports, and what takes no memory.
+// Foundation: the log frame, failure reports, console streams, times.
 
 #include "Quorvil/GeneralException.h"
-#include "Quorvil/ImplementedFunc.h"
 #include "Quorvil/NotYetImplemented.h"
 #include "Quorvil/QuorvilIbuf.h"
 #include "Quorvil/QuorvilInit.h"
@@ -9,434 +8,369 @@
 #include "Quorvil/SafeLinuxCalls.h"
 #include "Quorvil/ThreadSafeStream.h"
 #include "Quorvil/TimeSpec.h"
-#include "siblings/StampGate/StampGate.h"
 #include "tests/support/allocationCount.h"
+#include "tests/support/assertion.h"
 #include "tests/support/child.h"
 #include "tests/support/groupingLocale.h"
 #include "tests/support/interpose.h"
 
-#include <array>
-#include <cerrno>
+#include <climits>
 #include <clocale>
-#include <cstring>
+#include <cmath>
+#include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
-#include <iostream>
-#include <limits>
-#include <sstream>
-#include <string>
+#include <random>
+#include <sys/syscall.h>
 #include <thread>
-#include <vector>
+
+SUPPORT_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), noexcept)
 
 namespace {
 
-std::vector<std::string> localeCalls;
-bool noteLocaleCalls = false;
-bool spoilErrno = false; ///< `strerror` changes it
-int scheduledPolicy = 0; ///< of the last `pthread_setschedparam`
-int scheduledPriority = 0;
-support::Fault schedulingFault("pthread_setschedparam");
+const timespec* fakeNow = nullptr; ///< what the monotonic clock shows, if set
+std::string calls;                 ///< of `setlocale` and `pthread_setschedparam`, which both fail
 
 } // namespace
 
 extern "C" {
 
-__attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED char* setlocale(int category, const char* name) noexcept
+__attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED int clock_gettime(clockid_t clock, timespec* now) noexcept
 {
-    if (noteLocaleCalls)
-        localeCalls.push_back(std::to_string(category) + " " + (name ? name : "?"));
-    return support::real<char* (*)(int, const char*)>("setlocale")(category, name);
+    if (!fakeNow || clock != CLOCK_MONOTONIC)
+        return support::real<int (*)(clockid_t, timespec*)>("clock_gettime")(clock, now);
+    *now = *fakeNow;
+    return 0;
 }
 
-__attribute__((visibility("default"))) char* strerror(int error) noexcept
+__attribute__((visibility("default"))) char* setlocale(int category, const char* name) noexcept
 {
-    if (spoilErrno)
-        errno = EIO;
-    return support::real<char* (*)(int)>("strerror")(error);
+    calls += std::to_string(category) + name + ";";
+    return nullptr;
 }
 
-__attribute__((visibility("default"))) int pthread_setschedparam(pthread_t thread, int policy,
-                                                                 const sched_param* parameters) noexcept
+__attribute__((visibility("default"))) int pthread_setschedparam(pthread_t, int policy, const sched_param* how) noexcept
 {
-    scheduledPolicy = policy;
-    scheduledPriority = parameters->sched_priority;
-    if (schedulingFault.strikes())
-        return static_cast<int>(schedulingFault.result);
-    return support::real<int (*)(pthread_t, int, const sched_param*)>("pthread_setschedparam")(thread, policy,
-                                                                                               parameters);
+    calls += std::to_string(policy) + " " + std::to_string(how->sched_priority);
+    return EPERM;
 }
 }
 
 namespace {
 
+/// What `action` writes to standard output, behind it what to standard error, and the text of its exception.
+std::string written(const std::function<void()>& action)
+{
+    std::string thrown;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    try {
+        action();
+    } catch (const std::exception& exception) {
+        thrown = std::string("thrown: ") + exception.what();
+    }
+    std::fflush(stdout);
+    return testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr() + thrown;
+}
+
 // ---- start-up and log frame
-
-TEST(Init, StampsOnceAtLoad)
-{
-    EXPECT_EQ(stampGateCalls(), 1);
-    EXPECT_EQ(stampGateLast(), 52);
-}
-
-TEST(Init, VersionIsTheBuilds)
-{
-    EXPECT_STREQ(QUORVIL_VERSION, QUORVIL_BUILD_VERSION);
-    EXPECT_EQ(std::to_string(QUORVIL_VERSION_MAJOR) + "." + std::to_string(QUORVIL_VERSION_MINOR) + "." +
-                  std::to_string(QUORVIL_VERSION_PATCH),
-              QUORVIL_VERSION);
-}
 
 TEST(Init, LocaleIsGermanWithEnglishNumbersAndAMissingOneIsNoError)
 {
-    localeCalls.clear();
-    noteLocaleCalls = true;
     initLocale();
-    noteLocaleCalls = false;
-    EXPECT_EQ(localeCalls, (std::vector<std::string>{std::to_string(LC_ALL) + " de_DE.UTF-8",
-                                                     std::to_string(LC_NUMERIC) + " en_US.UTF-8"}));
-    std::setlocale(LC_ALL, "C");
+    EXPECT_EQ(calls, std::to_string(LC_ALL) + "de_DE.UTF-8;" + std::to_string(LC_NUMERIC) + "en_US.UTF-8;");
+    EXPECT_STREQ(QUORVIL_VERSION, QUORVIL_BUILD_VERSION);
 }
 
-TEST(PlainLogLine, GoesToStandardOutputAsItStands)
-{
-    const support::ChildResult child = support::runInChild([] {
-        const int length = my_printf("[INFO Quorvil/Test:1]    %s %d\n", "text", 5);
-        std::fprintf(stderr, "%d", length);
-    });
-    EXPECT_EQ(child.out, "[INFO Quorvil/Test:1]    text 5\n");
-    EXPECT_EQ(child.err, "32");
-}
-
-namespace firstSource {
+namespace someSource {
 QUORVIL_LOG_GROUP("Noname");
 QUORVIL_LOG_INDEX();
 int evaluated = 0;
 
-void log(int line)
-{
-    QUORVIL_LOG("Quorvil/First", line, "number %d failed: %s\n", (++evaluated, line), std::strerror(EBADF));
-}
-} // namespace firstSource
-
-namespace secondSource {
-QUORVIL_LOG_GROUP("Noname");
-QUORVIL_LOG_INDEX();
-
 void log()
 {
-    QUORVIL_LOG("Quorvil/Second", 7, "plain\n");
+    QUORVIL_LOG("Quorvil/Some", 12, "number %d: %s\n", ++evaluated, "text");
 }
-} // namespace secondSource
-
-namespace lateSource {
-QUORVIL_LOG_GROUP("Late");
-QUORVIL_LOG_INDEX();
-
-void log()
-{
-    QUORVIL_LOG("Quorvil/Late", 8, "plain\n");
-}
-} // namespace lateSource
+} // namespace someSource
 
 TEST(LoggingCall, ReachesTheLogUntilTheConfigurationSilencesAValidIndex)
 {
-    using quorvil::intern::noLogGroup;
-    struct
+    using quorvil::intern::logSilenced, quorvil::intern::noLogGroup;
+    const struct
     {
-        const char* name;
-        uint32_t loaded;
-        uint32_t index;
-        uint32_t enabled;
+        uint32_t loaded, index, enabled;
         bool reaches;
-    } const rows[] = {
-        {"before the configuration, silent group", 0, 0, 0, true},
-        {"before the configuration, first call", 0, noLogGroup, 0, true},
-        {"configured, first call", 1, noLogGroup, 0, true},
-        {"configured, silent group", 1, 0, 0, false},
-        {"configured, speaking group", 2, 0, 4, true},
-        {"configured, last index, silent", 1, 63, 0, false},
-        {"configured, index behind the table", 1, 64, 0, true},
-    };
-    testing::internal::CaptureStderr();
-    const uint32_t noname = OVX_Log_Printf(0, "Noname", 1, 1, 1, 0, "", 0, "%s", "");
-    secondSource::logGroupIndex = noLogGroup;
+    } rows[] = {{0, 0, 0, true}, {0, noLogGroup, 0, true}, {1, noLogGroup, 0, true}, {1, 0, 0, false},
+                {2, 0, 4, true}, {1, 63, 0, false},        {1, 64, 0, true}};
     for (const auto& row : rows) {
         gl_bOVXLConfigLoaded = row.loaded;
-        firstSource::logGroupIndex = row.index;
         for (OvxLogGroupCfg& record : gl_psOvxLogGrpCfgTable)
             record.logEnabled = row.enabled;
-        firstSource::evaluated = 0;
-        const int before = ovxlog::calls();
-        firstSource::log(12);
-        EXPECT_EQ(ovxlog::calls() - before, row.reaches ? 1 : 0) << row.name;
-        EXPECT_EQ(firstSource::evaluated, row.reaches ? 1 : 0) << row.name;
-        if (!row.reaches) {
-            EXPECT_EQ(firstSource::logGroupIndex, row.index) << row.name;
-            continue;
-        }
-        EXPECT_EQ(firstSource::logGroupIndex, noname) << row.name;
-        const ovxlog::LastCall last = ovxlog::lastCall();
-        EXPECT_EQ(last.groupIndex, row.index) << row.name;
-        EXPECT_STREQ(last.group, "Noname");
-        EXPECT_EQ(last.constants, (std::array<int, 4>{1, 1, 1, 0}));
-        EXPECT_STREQ(last.file, "Quorvil/First");
-        EXPECT_EQ(last.line, 12);
-        EXPECT_STREQ(last.text, "number 12 failed: Bad file descriptor\n");
+        someSource::logGroupIndex = row.index;
+        someSource::evaluated = 0;
+        const support::AllocationCount count;
+        EXPECT_EQ(logSilenced(row.index), !row.reaches) << row.loaded << " " << row.index;
+        EXPECT_EQ(count.allocations(), 0U);
+        EXPECT_EQ(written(someSource::log), row.reaches ? "[Noname Quorvil/Some:12] number 1: text\n" : "");
+        EXPECT_EQ(someSource::evaluated, row.reaches);
+        EXPECT_EQ(someSource::logGroupIndex, row.reaches ? 0 : row.index);
     }
     gl_bOVXLConfigLoaded = 0;
-    firstSource::logGroupName = "Renamed"; // its slot in LogGroups is read at every call
-    firstSource::log(12);
-    EXPECT_STREQ(ovxlog::lastCall().group, "Renamed");
-    firstSource::logGroupName = "Noname";
-    secondSource::log();
-    EXPECT_EQ(ovxlog::lastCall().groupIndex, noLogGroup) << "sources share a group but no index";
-    testing::internal::GetCapturedStderr();
+    someSource::logGroupName = "Renamed"; // its slot in LogGroups is read at every call
+    EXPECT_EQ(written(someSource::log), "[Renamed Quorvil/Some:12] number 2: text\n");
+    EXPECT_EQ(ovxlog::lastCall().constants, (std::array<int, 4>{1, 1, 1, 0}));
 }
 
-TEST(LoggingCall, StoresAnIndexBehindTheTableAndThenNothingSilencesIt)
-{
-    const support::ChildResult child = support::runInChild([] {
-        static char names[64][16];
-        for (auto& name : names) {
-            std::snprintf(name, sizeof name, "g%d", static_cast<int>(&name - names));
-            OVX_Log_Printf(0, name, 1, 1, 1, 0, "", 0, "%s", "");
-        }
-        gl_bOVXLConfigLoaded = 1;
-        const int before = ovxlog::calls();
-        for (int i = 0; i < 3; ++i)
-            lateSource::log();
-        safePrintf("%u %d", lateSource::logGroupIndex.load(), ovxlog::calls() - before);
-    });
-    EXPECT_EQ(child.out, "64 3");
-}
+// ---- failure reports and console streams
 
-// ---- failure reports
-
-TEST(GeneralException, AnnouncesItselfUnlessSilenced)
+/// What writes to a safe stream of its own, and what cannot be written.
+enum class Nested
 {
-    for (const bool silent : {false, true}) {
-        for (const bool defaultSilent : {false, true}) {
-            testing::internal::CaptureStdout();
-            util::GeneralException::defaultSilent = defaultSilent;
-            const util::GeneralException exception("100%s", silent);
-            util::GeneralException::defaultSilent = false;
-            std::fflush(stdout);
-            EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                      silent || defaultSilent
-                          ? ""
-                          : "[WARN Quorvil/GeneralException:65]    Constructing GeneralException with msg 100%s\n");
-            EXPECT_STREQ(exception.what(), "100%s");
-        }
-    }
-}
-
-TEST(IllegalStateException, NamesOperationAndState)
-{
-    const util::IllegalStateException exception("start", "RUNNING");
-    const std::exception& base = exception;
-    EXPECT_STREQ(base.what(), "start called in RUNNING");
-}
-
-TEST(GeneralExceptionThrower, TakesTheFirstNameOfItsErrorOrTheNumber)
-{
-    const support::GroupingEverywhere grouping;
-    struct
-    {
-        int err;
-        std::vector<std::pair<int, const char*>> names;
-        const char* where;
-        const char* message;
-    } const rows[] = {
-        {22, {{22, "EINVAL"}, {22, "other"}}, "here", "EINVAL here"},
-        {22, {{5, "EIO"}, {22, "EINVAL"}, {1, "EPERM"}}, " in f", "EINVAL  in f"},
-        {5, {{22, "EINVAL"}}, "P", "Unexpected errno (5) P"},
-        {1234567, {}, "P", "Unexpected errno (1234567) P"},
-        {-1, {}, "", "Unexpected errno (-1) "},
-        {0, {{0, ""}}, "P", " P"},
-        {5, {}, nullptr, "Unexpected errno (5) "},
-        {5, {{5, nullptr}}, "lost", ""},
-    };
-    for (const auto& row : rows) {
-        util::GeneralExceptionThrower thrower(row.err);
-        util::GeneralExceptionThrower writer(row.err);
-        for (const auto& [code, name] : row.names) {
-            thrower.handle(code, name);
-            writer.handle(code, name);
-        }
-        testing::internal::CaptureStdout();
-        std::ostringstream out;
-        writer.writeNow(row.where, out);
-        EXPECT_EQ(out.str(), std::string(row.message) + "\n");
-        try {
-            thrower.throwNow(row.where);
-            ADD_FAILURE();
-        } catch (const util::GeneralException& exception) {
-            EXPECT_STREQ(exception.what(), row.message);
-        }
-        std::fflush(stdout);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  std::string("[WARN Quorvil/GeneralException:65]    Constructing GeneralException with msg ") +
-                      row.message + "\n");
-    }
-}
-
-TEST(Safe, PassesOnEverythingButAFailure)
-{
-    errno = EBADF;
-    for (const int result : {0, 7, -2, std::numeric_limits<int>::min()})
-        EXPECT_EQ(util::safe("f", "F", 1, result, true), result);
-    EXPECT_EQ(util::safePosix("f", "F", 1, 0), 0);
-    EXPECT_EQ(errno, EBADF);
-}
-
-TEST(Safe, ReportsAFailureInOneLineAndKeepsErrno)
-{
-    const support::GroupingEverywhere grouping;
-    testing::internal::CaptureStderr();
-    errno = EBADF;
-    EXPECT_EQ(util::safe("void f(int)", "Quorvil/F", 1234, -1, false), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "void f(int) failed in Quorvil/F:1234 - (9) Bad file descriptor\n");
-}
-
-/// Spoils `errno` as a failing write would, and lets the text through.
-struct Spoiler : std::streambuf
-{
-    explicit Spoiler(std::streambuf* buffer)
-        : console(buffer)
-    {
-    }
-    int overflow(int c) override
-    {
-        errno = EIO;
-        return console->sputc(static_cast<char>(c));
-    }
-    std::streambuf* console;
+    value,
+    failure
 };
 
-TEST(Safe, KeepsErrnoWhateverTheConsoleDoesToIt)
+std::ostream& operator<<(std::ostream& out, Nested nested)
 {
-    testing::internal::CaptureStderr();
-    Spoiler spoiler(std::cerr.rdbuf());
-    std::cerr.rdbuf(&spoiler);
-    errno = EBADF;
-    util::safe("f", "F", 1, -1, false);
-    EXPECT_EQ(errno, EBADF);
-    std::cerr.rdbuf(spoiler.console);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "f failed in F:1 - (9) Bad file descriptor\n");
+    if (nested == Nested::failure)
+        throw std::runtime_error("value");
+    safeCout << "(inner)" << std::endl;
+    return out << "outer";
 }
 
-TEST(Safe, ANullTextFailsTheErrorStream)
+/// Gives the error two names for 22.
+util::GeneralExceptionThrower&& handled(util::GeneralExceptionThrower&& thrower, const char* name)
 {
-    testing::internal::CaptureStderr();
-    errno = EBADF;
-    EXPECT_EQ(util::safe("f", nullptr, 1, -1, false), -1);
-    EXPECT_TRUE(std::cerr.bad());
-    std::cerr.clear();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "f failed in ");
+    thrower.handle(5, "EIO");
+    thrower.handle(22, name);
+    thrower.handle(22, "other");
+    return std::move(thrower);
 }
 
-TEST(SafeDeathTest, StopsTheProcessBehindTheReport)
+TEST(Reports, HaveTheirTextsWhateverTheLocaleIsAndNoneWithoutTheLock)
 {
-    EXPECT_DEATH((errno = EBADF, util::safe("f()", "Quorvil/F", 12, -1, true)),
-                 R"(^f\(\) failed in Quorvil/F:12 - \(9\) Bad file descriptor
-.*: Quorvil/SafeLinuxCalls:32: int util::safe\(const char\*, const char\*, int, int, bool\): )"
-                 R"(Assertion .linuxFuncResult != -1' failed)");
-    EXPECT_DEATH((errno = EBADF, util::safePosix("f()", "Quorvil/F", 12, EINVAL)),
-                 R"(^f\(\) failed in Quorvil/F:12 - \(22\) Invalid argument
-.*: Quorvil/SafeLinuxCalls:50: int util::safePosix\(const char\*, const char\*, int, int\): )"
-                 R"(Assertion .posixFuncResult == 0' failed)");
-    EXPECT_DEATH(util::safePosix(nullptr, "Quorvil/F", 12, EINVAL), "Assertion .posixFuncResult == 0' failed");
-}
-
-TEST(NotYetImplementedDeathTest, SaysWhatIsMissingAndStops)
-{
-    EXPECT_DEATH(nyi::nyi("colour"), R"(^>>> NOT YET IMPLEMENTED: colour
-.*: Quorvil/NotYetImplemented:27: void nyi::nyi\(const char\*\): Assertion .false' failed)");
-}
-
-TEST(Ibuf, PerrorErrnoGivesTheErrorAndThenTheCurrentOne)
-{
-    struct
+    using util::GeneralException, util::GeneralExceptionThrower, quorvil::ibuf::perror_errno;
+    const support::GroupingEverywhere grouping;
+    const std::string announced = "[WARN Quorvil/GeneralException:65]    Constructing GeneralException with msg ";
+    const struct
     {
-        const char* what;
-        const char* text;
-    } const rows[] = {{"opening", "\n**** ERROR - opening: Invalid argument\n\n: Bad file descriptor\n"},
-                      {nullptr, "\n**** ERROR - : Bad file descriptor\n"}};
+        std::function<void()> action;
+        std::string text;
+        bool locks = false; ///< takes the lock of the console
+    } rows[] = {
+        {[] { GeneralException("100%s", false); }, announced + "100%s\n"},
+        {[] { GeneralException("100%s", true); }, ""},
+        {[] { throw util::IllegalStateException("start", "RUNNING"); }, "thrown: start called in RUNNING"},
+        {[] { handled(GeneralExceptionThrower(22), "EINVAL").throwNow(" in f"); },
+         announced + "EINVAL  in f\nthrown: EINVAL  in f"},
+        {[] { handled(GeneralExceptionThrower(1234567), "EINVAL").writeNow("P", std::cout); },
+         "Unexpected errno (1234567) P\n"},
+        {[] { handled(GeneralExceptionThrower(-1), "EINVAL").writeNow(nullptr, std::cout); },
+         "Unexpected errno (-1) \n"},
+        {[] { EXPECT_EQ(util::safe("f", "F", 1, -2, true), -2); }, ""},
+        {[] { EXPECT_EQ(util::safePosix("f", "F", 1, 0), 0); }, ""},
+        {[] { EXPECT_EQ(util::safe("void f(int)", "Quorvil/F", 1234, -1, false) - errno, -1 - EBADF); },
+         "void f(int) failed in Quorvil/F:1234 - (9) Bad file descriptor\n", true},
+        {[] { perror_errno("open", EINVAL); }, "\n**** ERROR - open: Invalid argument\n\n: Bad file descriptor\n"},
+        {[] { perror_errno(nullptr, EINVAL); }, "\n**** ERROR - : Bad file descriptor\n"},
+        {[] { quorvil::ibuf::setSchedHighest(pthread_self()); },
+         "\n**** ERROR - pthread_setschedparam: Operation not permitted\n\n: Bad file descriptor\n"},
+        {[] { safeCerr << "[" << Nested::value << "]"; }, "(inner)\n[outer]", true},
+        {[] { safeCerr << "x" << Nested::failure; }, "xthrown: value", true},
+        {[] { safeCout << Nested::failure; }, "thrown: value", true},
+        {[] { safePrintf("%d", 5); }, "5", true},
+        {[] { std::jthread([] { safePrintf("free"); }); }, "free"},
+    };
+    const support::HookScope spoiler(pthread_mutex_lockFault, [] { errno = EIO; }); // as the console may
+    calls.clear();
     for (const auto& row : rows) {
-        testing::internal::CaptureStderr();
-        errno = EBADF;
-        spoilErrno = true;
-        quorvil::ibuf::perror_errno(row.what, EINVAL);
-        spoilErrno = false;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
+        EXPECT_EQ(written([&] { errno = EBADF, row.action(); }), row.text);
+        if (!row.locks)
+            continue;
+        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
+        EXPECT_EQ(written(row.action), "thrown: Resource temporarily unavailable");
     }
+    EXPECT_EQ(calls, std::to_string(SCHED_FIFO) + " 98");
 }
 
-TEST(Ibuf, SetSchedHighestReportsAFailureAndGoesOn)
+TEST(ReportsDeathTest, StandBeforeTheAssertionThatFails)
 {
-    testing::internal::CaptureStderr();
+    const char *const safeCalls = "Quorvil/SafeLinuxCalls", *const null = nullptr;
+    const struct
     {
-        const support::FaultScope fault(schedulingFault, EPERM);
-        errno = 0;
-        quorvil::ibuf::setSchedHighest(pthread_self());
-    }
-    EXPECT_EQ(scheduledPolicy, SCHED_FIFO);
-    EXPECT_EQ(scheduledPriority, 98);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "\n**** ERROR - pthread_setschedparam: Operation not permitted\n\n: Success\n");
+        std::function<void()> call;
+        std::string report, assertion;
+    } rows[] = {{[] { errno = EBADF, util::safe("f", "F", 12, -1, true); },
+                 "f failed in F:12 - \\(9\\) Bad file descriptor\n",
+                 support::assertion(safeCalls, "int util::safe(const char*, const char*, int, int, bool)",
+                                    "linuxFuncResult != -1", "32")},
+                {[] { util::safePosix("f", "F", 12, EINVAL); }, "f failed in F:12 - \\(22\\) Invalid argument\n",
+                 support::assertion(safeCalls, "int util::safePosix(const char*, const char*, int, int)",
+                                    "posixFuncResult == 0", "50")},
+                {[=] { nyi::nyi(null); }, ">>> NOT YET IMPLEMENTED: ",
+                 support::assertion("Quorvil/NotYetImplemented", "void nyi::nyi(const char*)", "false", "27")}};
+    for (const auto& row : rows)
+        EXPECT_DEATH(row.call(), "^" + row.report + ".*" + row.assertion);
 }
 
-TEST(Ibuf, SetSchedHighestGivesRealTimePriorityJustBelowTheHighest)
+TEST(GeneralException, IsSilentWhereThatIsTheDefaultAndTakesNoMemoryForItsText)
 {
-    std::thread([] {
-        testing::internal::CaptureStderr();
-        quorvil::ibuf::setSchedHighest(pthread_self());
-        int policy = 0;
-        sched_param parameters{};
-        pthread_getschedparam(pthread_self(), &policy, &parameters);
-        if (!testing::internal::GetCapturedStderr().empty()) {
-            std::puts("real-time priority is not allowed here: only the report could be seen");
-            return;
-        }
-        EXPECT_EQ(policy, SCHED_FIFO);
-        EXPECT_EQ(parameters.sched_priority, 98);
-    }).join();
-}
-
-TEST(ImplementedFunc, IsEmptyAndUnlockedAtLoad)
-{
-    const std::unique_lock lock(ovx::ImplementedFunc::mu, std::try_to_lock);
-    EXPECT_TRUE(lock.owns_lock());
-    EXPECT_TRUE(ovx::ImplementedFunc::allImplemented.empty());
-}
-
-TEST(Foundation, TakesNoMemoryWhereARealTimeThreadMayCallIt)
-{
-    util::TimeSpec sum;
-    util::TimeLimit limit; // it has looked up the clock
-    const util::GeneralException exception("text", true);
-    gl_bOVXLConfigLoaded = 1;
+    util::GeneralException::defaultSilent = true;
+    EXPECT_EQ(written([] { util::GeneralException("text", false); }), "");
+    const util::GeneralException exception("text", false);
+    util::GeneralException::defaultSilent = false;
     const support::AllocationCount count;
-    util::TimeSpec now;
-    now.initNow(CLOCK_MONOTONIC);
-    now.init(1, -1);
-    now.normalize();
-    now.initFromMs(5);
-    now.initFromThreadXTicks(5);
-    sum += now;
-    sum -= now;
-    const bool less = sum < now;
-    const timespec difference = subtract(*sum.to_c(), *now.to_c());
-    const bool passed = limit.checkAround(1, 1'000'000, 1e9);
-    const int results = util::safe("f", "F", 1, 0, true) + util::safePosix("f", "F", 1, 0);
-    const bool silenced = quorvil::intern::logSilenced(0);
-    const char* text = exception.what();
-    {
-        const tss::Internal chain = safeCout << std::flush;
+    EXPECT_STREQ(exception.what(), "text");
+    const tss::Internal chain = safeCout << "", copy = chain;
+    EXPECT_EQ(count.allocations(), 0U);
+    const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
+    EXPECT_THROW(tss::Internal another(chain), std::system_error);
+}
+
+TEST(ThreadSafeStream, KeepsWholeStatementsTogetherAcrossBothStreamsAndPrintf)
+{
+    constexpr int rounds = 300;
+    const auto write = [](int writer) {
+        for (int i = 0; i < rounds; ++i)
+            if (writer < 4)
+                (writer % 2 == 0 ? safeCout : safeCerr) << "<" << writer << " " << i << ">" << std::endl;
+            else
+                safePrintf("<%d %d>\n", writer, i);
+    };
+    const support::ChildResult child = support::runInChild(
+        [&] {
+            std::setvbuf(stdout, nullptr, _IONBF, 0);
+            std::vector<std::jthread> threads;
+            for (int writer = 0; writer < 6; ++writer)
+                threads.emplace_back(write, writer);
+        },
+        support::Streams::together);
+    std::string missing;
+    for (int i = 0; i < 6 * rounds; ++i) {
+        const std::string line = "<" + std::to_string(i / rounds) + " " + std::to_string(i % rounds) + ">\n";
+        missing += child.out.find(line) == std::string::npos ? line : "";
     }
-    EXPECT_EQ(count.allocations() + count.releases(), 0U);
-    EXPECT_TRUE(less && passed && silenced && difference.tv_nsec < 0 && results == 0 && *text == 't');
-    gl_bOVXLConfigLoaded = 0;
+    EXPECT_EQ(missing, "");
+}
+
+TEST(ThreadSafeStream, AndThePlainLineFlushNothingAndTellWhatThePrintfTells)
+{
+    const support::ChildResult child = support::runInChild([] {
+        safeCout << "a" << 1;
+        const int lengths = safePrintf("%s", "four") * 10 + my_printf("%d", 12);
+        dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO);
+        dprintf(STDERR_FILENO, "%d %d", lengths, safePrintf("%s", std::string(100'000, 'x').c_str()) < 0);
+        syscall(SYS_exit_group, 0); // a sanitizer flushes in its _exit
+    });
+    EXPECT_EQ(child.out + child.err, "42 1");
+}
+
+// ---- times
+
+constexpr long billion = 1'000'000'000;
+
+std::string textOf(const util::TimeSpec& value)
+{
+    std::ostringstream text;
+    text << *value.to_c();
+    return text.str();
+}
+
+TEST(TimeSpec, NormalisesEveryPair)
+{
+    std::mt19937_64 random(1);
+    const auto any = [&] { return static_cast<long>(random()) >> random() % (CHAR_BIT * sizeof(long)); };
+    for (int i = 0; i < 20'000; ++i) {
+        const long sec = any();
+        const long nsec = i % 2 == 0 ? any() : static_cast<long>(random() % 5) - 2 + (i % 3 - 1) * billion;
+        util::TimeSpec value;
+        value.init(sec, nsec);
+        const auto [s, n] = *value.to_c();
+        EXPECT_TRUE(n > -billion && n < billion && (s <= 0 || n >= 0) && (s >= 0 || n <= 0)) << sec << " " << nsec;
+        // The same moment, but for whole wraps of the seconds.
+        const auto carry = static_cast<long>(static_cast<unsigned long>(s) - static_cast<unsigned long>(sec));
+        EXPECT_EQ(static_cast<long long>(carry) * billion + n, nsec) << sec;
+    }
+}
+
+TEST(TimeSpec, ConvertsTicksAndMillisecondsOfEitherSign)
+{
+    for (const int number : {1999, -1, INT_MAX, INT_MIN}) {
+        util::TimeSpec ticks, ms;
+        const support::AllocationCount count;
+        ticks.initFromThreadXTicks(number);
+        ms.initFromMs(number);
+        ms.normalize();
+        EXPECT_EQ(count.allocations(), 0U);
+        EXPECT_EQ(textOf(ticks), textOf(timespec{number / 100, number % 100 * 10'000'000L}));
+        EXPECT_EQ(textOf(ms), textOf(timespec{number / 1000, number % 1000 * 1'000'000L}));
+    }
+}
+
+TEST(TimeSpec, AddsSubtractsAndCompares)
+{
+    std::mt19937 random(1);
+    const auto total = [](const util::TimeSpec& value) {
+        return static_cast<long long>(value.to_c()->tv_sec) * billion + value.to_c()->tv_nsec;
+    };
+    for (int i = 0; i < 10'000; ++i) {
+        const long n = static_cast<long>(random() % billion);
+        util::TimeSpec a(timespec{i % 5, n}),
+            b(timespec{i % 7, i % 2 == 0 ? n : static_cast<long>(random() % billion)});
+        const long long difference = total(a) - total(b);
+        const support::AllocationCount count;
+        const timespec plain = subtract(*a.to_c(), *b.to_c());
+        EXPECT_EQ(a < b, difference < 0);
+        EXPECT_EQ(total(util::TimeSpec(a) += b), total(a) + total(b));
+        EXPECT_EQ(total(a -= b), difference);
+        EXPECT_EQ(count.allocations(), 0U);
+        EXPECT_EQ(textOf(plain), textOf(a));
+    }
+    EXPECT_TRUE(util::TimeSpec({LONG_MAX, 0}) < util::TimeSpec({LONG_MIN, 0})) << "the difference wraps around";
+}
+
+TEST(TimeSpec, HasTextFormsThatFollowTheStreamOrNone)
+{
+    const support::GroupingEverywhere grouping;
+    EXPECT_EQ(util::TimeSpec(timespec{12'345, 67'890'000}).toShortString(), "12345.068");
+    EXPECT_EQ(util::TimeSpec(timespec{0, -500'000'000}).toShortString(), "-0.500");
+    std::ostringstream out; // of the global locale
+    out << util::TimeSpec(timespec{12, 5}) << std::hex << util::TimeSpec(timespec{10, 255}) << timespec{-17, -5} << 17;
+    EXPECT_EQ(out.str(), "TimeSpec(1 2s; 5ns)TimeSpec(as; f fns)-1 7s -5ns1 7");
+}
+
+TEST(TimeLimit, PassesBetweenItsBoundsAndShowsThemWhenItFails)
+{
+    const struct
+    {
+        int count, ms;
+        double factor;
+        timespec diff;
+        std::string least, shown, most; ///< of a failed check
+    } rows[] = {{10, 100, 1.5, {0, 666'000'000}, "", "", ""},
+                {10, 100, 1 / 1.5, {1, 500'000'000}, "", "", ""},
+                {10, 100, 1.5, {0, 665'999'999}, "0s; 666000000ns", "0s; 665999999ns", "1s; 500000000ns"},
+                {10, 100, 0.5, {2, 1}, "0s; 500000000ns", "2s; 1ns", "2s; 0ns"},
+                {INT_MAX, 2, 2.0, {1'073'741, 823'000'000}, "", "", ""}, // beyond an int: its limit
+                {10, 100, 0.0, {2'147'483, 647'000'000}, "", "", ""},    // the reciprocal has no upper bound
+                {10, 100, std::nan(""), {0, 0}, "0s; 0ns", "0s; 0ns", "0s; 0ns"}};
+    const support::GroupingEverywhere grouping;
+    for (const auto& row : rows) {
+        timespec now{1000, 500'000'000};
+        fakeNow = &now;
+        util::TimeLimit limit;
+        util::TimeSpec end;
+        end.initNow(CLOCK_MONOTONIC);
+        end.initNow(12345); // a clock that there is not
+        now = *(end += row.diff).to_c();
+        bool passed = false;
+        const std::string lines = written([&] { passed = limit.checkAround(row.count, row.ms, row.factor); });
+        fakeNow = nullptr;
+        EXPECT_EQ(passed, row.least.empty()) << row.factor;
+        EXPECT_EQ(lines, passed ? ""
+                                : "minDiff: TimeSpec(" + row.least + ")\ndiff: TimeSpec(" + row.shown +
+                                      ")\nmaxDiff: TimeSpec(" + row.most + ")\n");
+    }
 }
 
 } // namespace

@@ -9,13 +9,23 @@
 
 namespace support {
 
-/// Sets the global locale, and that of the console, to one that puts a blank between any two digits and a comma
-/// before decimals, for as long as it lives.
-class GroupingEverywhere
+/// Puts a blank between any two digits.
+struct Grouped : std::numpunct<char>
 {
-public:
+    char do_thousands_sep() const override
+    {
+        return ' ';
+    }
+    std::string do_grouping() const override
+    {
+        return "\1";
+    }
+};
+
+/// Sets the global locale, and that of the console, to one that groups digits, for as long as it lives.
+struct GroupingEverywhere
+{
     GroupingEverywhere()
-        : before(std::locale::global(std::locale(std::locale::classic(), new Grouped)))
     {
         std::cout.imbue(std::locale());
         std::cerr.imbue(std::locale());
@@ -26,27 +36,8 @@ public:
         std::cout.imbue(before);
         std::cerr.imbue(before);
     }
-    GroupingEverywhere(const GroupingEverywhere&) = delete;
-    GroupingEverywhere& operator=(const GroupingEverywhere&) = delete;
 
-private:
-    struct Grouped : std::numpunct<char>
-    {
-        char do_thousands_sep() const override
-        {
-            return ' ';
-        }
-        char do_decimal_point() const override
-        {
-            return ',';
-        }
-        std::string do_grouping() const override
-        {
-            return "\1";
-        }
-    };
-
-    std::locale before;
+    const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouped));
 };
 
 } // namespace support
