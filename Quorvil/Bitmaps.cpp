@@ -233,12 +233,16 @@ void orWordRows(const Rows& given)
     const Word span = swapBytes(static_cast<Word>(~Word{0} << (bits - rows.count)) >> rows.dstBitOffset);
     // What the rotation brings round from the other end lies outside the span.
     const int turn = (rows.dstBitOffset - rows.srcBitOffset) & (bits - 1);
-    do {
+    // Counted, so that the compiler can take several rows between two looks at the count.
+#pragma GCC unroll 4
+    for (int row = 0; row < rows.rowCount; ++row) {
         auto source = load<srcBytes, Word>(rows.src);
         if constexpr (shifted)
             source = swapBytes(std::rotr(swapBytes(source), turn));
         store<dstBytes>(rows.dst, load<dstBytes, Word>(rows.dst) | (source & span));
-    } while (rows.nextRow());
+        rows.src += rows.srcBytesPerRow;
+        rows.dst += rows.dstBytesPerRow;
+    }
 }
 
 constexpr int wordBytes = 8;

@@ -1,5 +1,6 @@
 #include "Quorvil/GeneralException.h"
 #include "Quorvil/ImplementedFunc.h"
+#include "Quorvil/OvxFs.h"
 #include "Quorvil/QuorvilFastAllocator.h"
 #include "Quorvil/QuorvilGlobalsIntern.h"
 #include "Quorvil/QuorvilInit.h"
@@ -96,6 +97,13 @@ quorvil::SimpleHeap quorvil::SimpleHeap::singleton(0x100000);
 std::shared_ptr<util::LimitedBuffer> util::gl_pTrenvikLimitedBuffer;
 quorvil::sync::LockGroup quorvil::sync::gl_trenvikLockGroup;
 constinit std::atomic<bool> util::GeneralException::defaultSilent{false};
+
+namespace {
+
+const ovxfsvm::DrivePathManager drivePaths;
+
+} // namespace
+
 constinit std::mutex ovx::ImplementedFunc::mu;
 constinit std::mutex quorvil::Timer::alarmMtx;
 std::set<std::string> ovx::ImplementedFunc::allImplemented;
@@ -108,6 +116,8 @@ const ThreadKey keyHolder;
 
 tss::ThreadSafeStream safeCout(std::cout);
 tss::ThreadSafeStream safeCerr(std::cerr);
+// Never deleted: who makes drives may do so to the very end.
+ovxfs::OVXFSFactory* ovxfs::OVXFSFactory::I = new ovxfs::OVXFSFactoryVm;
 
 ovx::ImplementedFunc::~ImplementedFunc() = default;
 
@@ -124,4 +134,9 @@ bool quorvil::intern::threadKeyCreated()
 pthread_key_t quorvil::intern::threadKey()
 {
     return ::threadKey;
+}
+
+const ovxfsvm::DrivePathManager& quorvil::intern::drivePathManager()
+{
+    return drivePaths;
 }

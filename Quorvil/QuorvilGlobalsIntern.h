@@ -7,6 +7,10 @@
 #include <mutex>
 #include <pthread.h>
 
+namespace ovxfsvm {
+class DrivePathManager;
+}
+
 namespace quorvil::intern {
 
 /// The one lock of `safeCout`, `safeCerr` and `safePrintf`. It needs no constructor: it holds before any.
@@ -21,6 +25,9 @@ pthread_key_t threadKey();
 /// What the system library calls for each thread that ends with a value under `threadKey()`: `runFinished` of that
 /// value, a `util::ThreadInternals*`. What it throws ends the process.
 void threadKeyDestructor(void* value) noexcept;
+
+/// The folders of the simulated printer's drives.
+const ovxfsvm::DrivePathManager& drivePathManager();
 
 } // namespace quorvil::intern
 

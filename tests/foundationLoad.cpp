@@ -136,7 +136,7 @@ TEST(LogSections, HoldTheGroupsOfTheSourcesInTheOrderOfTheSlots)
     for (const char* section : {"LogGroups", "LogGroupsA"})
         EXPECT_EQ(support::runInChild([=] { std::fputs(slotTexts(section).c_str(), stderr); }).err,
                   "Noname Noname Quorvil QuorvilCoreDump Noname Noname Noname Noname Noname Noname Quorvil Noname "
-                  "Quorvil ");
+                  "Noname Noname Quorvil Noname ");
 }
 
 } // namespace

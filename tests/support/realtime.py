@@ -5,7 +5,7 @@ realtime.py ROOT   fails on an operation marked `@realtime bounded` that no such
                    no longer needed
 
 A test source covers an operation if it uses `AllocationCount`, includes the header, and names the operation: a function
-by its name and a bracket, a constructor or destructor by its class, an operator by its sign. Whether the call stands where
+by its name and a bracket, a constructor or destructor by its class, an operator by its sign, a conversion by its cast. Whether the call stands where
 allocations are counted is left to the reader.
 """
 
@@ -55,6 +55,8 @@ def operations(header):
 def pattern(name, inside):
     if name.startswith("operator"):
         sign = name.removeprefix("operator").strip()
+        if re.match(r"\w", sign):
+            return rf"<{re.escape(sign)}>"
         return r"\b\w+\(" if sign == "()" else rf" {re.escape(sign)} "
     if name.lstrip("~") == inside:
         return rf"\b{inside}\b"
