@@ -168,7 +168,6 @@ TEST(Reports, HaveTheirTextsWhateverTheLocaleIsAndNoneWithoutTheLock)
         {[] { handled(GeneralExceptionThrower(-1), "EINVAL").writeNow(nullptr, std::cout); },
          "Unexpected errno (-1) \n"},
         {[] { EXPECT_EQ(util::safe("f", "F", 1, -2, true), -2); }, ""},
-        {[] { EXPECT_EQ(util::safePosix("f", "F", 1, 0), 0); }, ""},
         {[] { EXPECT_EQ(util::safe("void f(int)", "Quorvil/F", 1234, -1, false) - errno, -1 - EBADF); },
          "void f(int) failed in Quorvil/F:1234 - (9) Bad file descriptor\n", true},
         {[] { perror_errno("open", EINVAL); }, "\n**** ERROR - open: Invalid argument\n\n: Bad file descriptor\n"},
