@@ -32,12 +32,14 @@ int mustSucceed(const char* function, int line, int result)
 }
 
 /// `safe` for the child before `execlp`: another thread of the parent may have held any lock at the `fork`, so that
-/// nothing here takes one or allocates.
+/// nothing here takes one or allocates; and the system's words stay English, whatever the locale.
 void mustSucceedInChild(int line, int result)
 {
     if (result != -1)
         return;
     const int error = errno;
+    char unknown[32];
+    snprintf(unknown, sizeof unknown, "Unknown error %d", error);
     const char* const words = strerrordesc_np(error);
     char text[2 * lineSize];
     const int length =
@@ -45,7 +47,7 @@ void mustSucceedInChild(int line, int result)
                  "%s failed in %s:%d - (%d) %s\n"
                  "%s: Quorvil/SafeLinuxCalls:32: int util::safe(const char*, const char*, int, int, "
                  "bool): Assertion `linuxFuncResult != -1' failed.\n",
-                 constructor, source, line, error, words ? words : "Unknown error", program_invocation_short_name);
+                 constructor, source, line, error, words ? words : unknown, program_invocation_short_name);
     [[maybe_unused]] const ssize_t written =
         write(STDERR_FILENO, text, std::min(static_cast<size_t>(length), sizeof text - 1));
     std::abort();
@@ -81,13 +83,21 @@ MyPipe::MyPipe(const std::string& command)
     snprintf(line, sizeof line,
              "stdinFd[0]=%d, stdinFd[1]=%d, stdoutFd[0]=%d, stdoutFd[1]=%d, stderrFd[0]=%d, stderrFd[1]=%d\n",
              stdinFd[0], stdinFd[1], stdoutFd[0], stdoutFd[1], stderrFd[0], stderrFd[1]);
-    safeCerr << line;
-
-    pid = mustSucceed(constructor, __LINE__, fork());
-    if (pid == 0)
-        runChild(command.c_str());
-    snprintf(line, sizeof line, "pid=%d\n", static_cast<int>(pid));
-    safeCerr << line;
+    try {
+        safeCerr << line;
+        pid = mustSucceed(constructor, __LINE__, fork());
+        if (pid == 0)
+            runChild(command.c_str());
+        snprintf(line, sizeof line, "pid=%d\n", static_cast<int>(pid));
+        safeCerr << line;
+    } catch (...) {
+        // No destructor runs. A child that has been started comes to the end of its input.
+        for (const int fd : {stdinFd[0], stdinFd[1], stdoutFd[0], stdoutFd[1], stderrFd[0], stderrFd[1]})
+            close(fd);
+        while (pid > 0 && waitpid(pid, nullptr, 0) == -1 && errno == EINTR) {
+        }
+        throw;
+    }
     mustSucceed(constructor, __LINE__, close(stdinFd[0]));
     mustSucceed(constructor, __LINE__, close(stdoutFd[1]));
     mustSucceed(constructor, __LINE__, close(stderrFd[1]));
@@ -185,7 +195,14 @@ LinuxPipe::LinuxPipe(const std::string& command, bool read)
     // As a stream writes a pointer, but without a locale's grouping; null is 0.
     char line[lineSize];
     snprintf(line, sizeof line, "f=%#jx\n", static_cast<std::uintmax_t>(reinterpret_cast<std::uintptr_t>(f)));
-    safeCout << line;
+    try {
+        safeCout << line;
+    } catch (...) {
+        // No destructor runs.
+        if (f)
+            pclose(f);
+        throw;
+    }
 }
 
 LinuxPipe::~LinuxPipe()

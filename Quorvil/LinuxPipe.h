@@ -26,6 +26,8 @@ class QUORVIL_API MyPipe
 public:
     /// Starts "/bin/sh -c" with `command` (`pipe2`, `fork`, `dup2`, `execlp`; the caller's ends are close-on-exec).
     ///
+    /// Where it throws, the pipes are closed again, and a child that was started has ended.
+    ///
     /// @throws std::system_error  the console lock cannot be taken
     /// @requires linuxFuncResult != -1
     /// @threads any   @realtime I/O
@@ -40,22 +42,32 @@ public:
     MyPipe(const MyPipe&) = delete;
     MyPipe& operator=(const MyPipe&) = delete;
 
-    /// The caller's ends of the pipes: for writing to the child's standard input, for reading its output and its error
-    /// output. The object closes them, and nobody else may.
+    /// The caller's end of a pipe, for writing to the child's standard input. The object closes it, and nobody else
+    /// may.
     ///
     /// @threads owner   @realtime bounded
     int childStdin();
+
+    /// The same for reading the child's output.
+    ///
+    /// @threads owner   @realtime bounded
     int childStdout();
+
+    /// The same for reading the child's error output.
+    ///
+    /// @threads owner   @realtime bounded
     int childStderr();
 
     /// `dumpStream` of the child's output, headed "DUMP stdout von MyPipe:".
     ///
+    /// @throws std::system_error  the console lock cannot be taken
     /// @requires linuxFuncResult != -1
     /// @threads owner   @realtime waits
     void dumpStdout();
 
     /// `dumpStream` of the child's error output, headed "DUMP stderr von MyPipe:".
     ///
+    /// @throws std::system_error  the console lock cannot be taken
     /// @requires linuxFuncResult != -1
     /// @threads owner   @realtime waits
     void dumpStderr();
@@ -63,6 +75,7 @@ public:
     /// Waits for the end of the child (`waitpid`); a further call returns the same at once.
     ///
     /// @return the status as of `waitpid`: 768 for an exit with 3
+    /// @throws std::system_error  the console lock cannot be taken
     /// @requires linuxFuncResult != -1
     /// @threads owner   @realtime waits
     int waitForChild();
@@ -80,6 +93,7 @@ private:
 /// Reads `fd` to its end, but at most 255 bytes, and writes on `safeCout`: the heading, a line that tells of a cut if
 /// all 255 came, and in single quotes what was read, up to its first zero byte (`read`).
 ///
+/// @throws std::system_error  the console lock cannot be taken
 /// @requires linuxFuncResult != -1
 /// @threads any   @realtime waits
 QUORVIL_API void dumpStream(const std::string& heading, int fd);
@@ -88,7 +102,8 @@ QUORVIL_API void dumpStream(const std::string& heading, int fd);
 class QUORVIL_API LinuxPipe
 {
 public:
-    /// Starts the command, and writes "f=" and the stream's address on `safeCout`; 0 shows that it failed.
+    /// Starts the command, and writes "f=" and the stream's address on `safeCout`; 0 shows that it failed. Where it
+    /// throws, the stream is closed again.
     ///
     /// @param read  true: the stream reads the command's output; false: it writes to its input
     /// @throws std::system_error  the console lock cannot be taken

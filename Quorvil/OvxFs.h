@@ -36,6 +36,9 @@ public:
         failed,
     };
 
+    /// Ends the drive; its folder stays.
+    ///
+    /// @threads owner   @realtime allocates
     virtual ~Drive();
 
     Drive(const Drive&) = delete;
@@ -44,17 +47,32 @@ public:
     /// Gives the drive its identity, before threads share it. A further call overwrites; the current directory stays.
     ///
     /// @param letter      'A' to 'Z'
+    /// @param type        what it is, any value
+    /// @param status      how it is, any value
     /// @param volumeName  any text
     /// @param useFlags    bits of the caller's own meaning
     /// @threads owner   @realtime allocates
     virtual void init(char letter, Type type, Status status, const std::string& volumeName, int useFlags) = 0;
 
-    /// What `init` was given; 0 and empty before.
+    /// What `init` was given; 0 before.
     ///
     /// @threads any   @realtime bounded
     virtual char getLetter() const = 0;
+
+    /// What `init` was given; 0 before.
+    ///
+    /// @threads any   @realtime bounded
     virtual Type getType() const = 0;
+
+    /// What `init` was given; 0 before.
+    ///
+    /// @threads any   @realtime bounded
     virtual Status getStatus() const = 0;
+
+    /// What `init` was given; empty before.
+    ///
+    /// @return a reference that holds as long as the object; `init` changes what it shows
+    /// @threads any   @realtime bounded
     virtual const std::string& getVolumeName() const = 0;
 
     /// The folder that the drive stands for, with a closing slash.
@@ -81,11 +99,13 @@ public:
 
     /// Copies the drive's current directory into `dir`, in place of what stood there; it is empty at first.
     ///
+    /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime allocates
     virtual void getCurDir(std::string& dir) = 0;
 
     /// Makes `dir` the drive's current directory. Nothing is looked up.
     ///
+    /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime allocates
     virtual void setCurDir(const std::string& dir) = 0;
 
@@ -109,6 +129,9 @@ public:
     /// @threads any   @realtime bounded
     DriveVm();
 
+    /// Ends the drive; its folder stays.
+    ///
+    /// @threads owner   @realtime allocates
     ~DriveVm() override;
 
     void init(char letter, Type type, Status status, const std::string& volumeName, int useFlags) override;
@@ -142,6 +165,9 @@ public:
     /// @threads any   @realtime bounded
     CurDrive();
 
+    /// Ends the lock.
+    ///
+    /// @threads owner   @realtime allocates
     virtual ~CurDrive();
 
     CurDrive(const CurDrive&) = delete;
@@ -149,11 +175,13 @@ public:
 
     /// Makes `letter` the standard drive; any value is taken.
     ///
+    /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime bounded
     void setStdDrive(char letter);
 
     /// The letter that was set last.
     ///
+    /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime bounded
     char getStdDrive();
 
@@ -166,6 +194,9 @@ private:
 class QUORVIL_API OVXFSFactory
 {
 public:
+    /// Ends the factory; its drives stay.
+    ///
+    /// @threads owner   @realtime allocates
     virtual ~OVXFSFactory();
 
     OVXFSFactory(const OVXFSFactory&) = delete;
@@ -188,7 +219,14 @@ protected:
 class QUORVIL_API OVXFSFactoryVm : public OVXFSFactory
 {
 public:
+    /// A factory, which keeps nothing.
+    ///
+    /// @threads any   @realtime allocates
     OVXFSFactoryVm();
+
+    /// Ends the factory; its drives stay.
+    ///
+    /// @threads owner   @realtime allocates
     ~OVXFSFactoryVm() override;
 
     Drive* drive() override;

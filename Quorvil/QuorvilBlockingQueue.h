@@ -23,6 +23,9 @@ namespace quorvil {
 class QUORVIL_API BlockingQueueClosedException : public std::underflow_error
 {
 public:
+    /// Sets the text.
+    ///
+    /// @threads any   @realtime allocates
     BlockingQueueClosedException();
     BlockingQueueClosedException(const BlockingQueueClosedException&) = default;
     BlockingQueueClosedException& operator=(const BlockingQueueClosedException&) = default;
@@ -33,6 +36,9 @@ public:
 class QUORVIL_API BlockingQueueCanceledException : public std::underflow_error
 {
 public:
+    /// Sets the text.
+    ///
+    /// @threads any   @realtime allocates
     BlockingQueueCanceledException();
     BlockingQueueCanceledException(const BlockingQueueCanceledException&) = default;
     BlockingQueueCanceledException& operator=(const BlockingQueueCanceledException&) = default;
@@ -44,6 +50,9 @@ public:
 class QUORVIL_API FencedQueueOverflowException : public std::runtime_error
 {
 public:
+    /// Sets the text.
+    ///
+    /// @threads any   @realtime allocates
     FencedQueueOverflowException();
     FencedQueueOverflowException(const FencedQueueOverflowException&) = default;
     FencedQueueOverflowException& operator=(const FencedQueueOverflowException&) = default;
@@ -85,6 +94,8 @@ public:
     BlockingQueue(size_t capacity, const Alloc& alloc);
 
     /// Destroys every slot, those with values first, from the oldest to the newest, and gives the ring back.
+    ///
+    /// @threads one at a time   @realtime allocates
     ~BlockingQueue();
 
     BlockingQueue(const BlockingQueue&) = delete;

@@ -20,10 +20,15 @@ public:
     /// accepts `decreaseSize` and refuses every `increaseSize`, until its size has come down.
     ///
     /// @param name  its name in messages
+    /// @throws std::bad_alloc  the system has no memory left
     /// @threads any   @realtime allocates
     static std::shared_ptr<CapacityControl> create(std::string name, int capacity, int size);
 
     CapacityControl() = default;
+
+    /// Forgets what is booked.
+    ///
+    /// @threads one at a time   @realtime allocates
     virtual ~CapacityControl();
 
     CapacityControl(const CapacityControl&) = delete;

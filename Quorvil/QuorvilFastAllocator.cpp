@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+
 #include <sys/mman.h>
 
 QUORVIL_LOG_GROUP("Noname");

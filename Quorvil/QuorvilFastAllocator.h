@@ -29,6 +29,10 @@ class QUORVIL_API IHeap
 {
 public:
     IHeap() = default;
+
+    /// Does nothing of its own.
+    ///
+    /// @threads one at a time   @realtime allocates
     virtual ~IHeap();
 
     IHeap(const IHeap&) = delete;
@@ -75,6 +79,9 @@ public:
     /// @threads any   @realtime bounded
     BaseHeap(char* mem, char* memEnd);
 
+    /// Does nothing: the range is not its own.
+    ///
+    /// @threads one at a time   @realtime bounded
     ~BaseHeap() override;
 
     void* alloc(size_t size) override;
@@ -116,9 +123,15 @@ public:
     explicit SimpleHeap(size_t size);
 
     /// Releases the block, empty or not. The memory of the process stays locked.
+    ///
+    /// @threads one at a time   @realtime allocates
     ~SimpleHeap() override;
 
+    /// As `IHeap::alloc`, in the block.
+    ///
     /// @requires `base.mem == (char*) this->allocd`: the object is whole
+    /// @requires `nextMem + ceilSize <= memEnd`: the heap is not exhausted
+    /// @threads one at a time   @realtime bounded
     void* alloc(size_t size) override;
     void dealloc(void* p, size_t size) override;
     bool allFree() override;
@@ -142,10 +155,13 @@ class QUORVIL_API SubHeap final : public IHeap
 public:
     /// Takes `size` bytes from `parent`.
     ///
+    /// @requires `nextMem + ceilSize <= memEnd`: the parent is not exhausted
     /// @threads owner   @realtime bounded
     SubHeap(IHeap& parent, size_t size);
 
     /// Gives the whole block back to the parent, whether or not the sub-heap is empty.
+    ///
+    /// @threads owner   @realtime bounded
     ~SubHeap() override;
 
     void* alloc(size_t size) override;
@@ -162,6 +178,9 @@ private:
 template <class T>
 struct EmptyDeleter
 {
+    /// Leaves the object alone.
+    ///
+    /// @threads any   @realtime bounded
     void operator()(T*) const noexcept {}
 };
 
@@ -192,6 +211,8 @@ public:
     }
 
     /// Shares the heap. A move does the same, so that an allocator never loses its heap.
+    ///
+    /// @threads any   @realtime bounded
     FastAllocator(const FastAllocator&) = default;
     FastAllocator& operator=(const FastAllocator&) = default;
     ~FastAllocator() = default;

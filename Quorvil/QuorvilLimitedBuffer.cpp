@@ -24,7 +24,9 @@ using quorvil::intern::require;
 
 constexpr const char* sourceText = "Quorvil/QuorvilLimitedBuffer";
 
-constinit std::atomic<bool> bufferingActive{false};
+/// The library holds these, too, for callers that take no function from a header.
+[[gnu::used]] constexpr auto emittedAdd = &util::LimitedBuffer::add;
+[[gnu::used]] constexpr auto emittedIsActive = &util::LimitedBuffer::isBufferingActive;
 
 /// The body of `checkInvariants`, which each text that is added passes twice.
 void requireRing(const char* begin, const char* end, const char* next, std::size_t size)
@@ -60,6 +62,42 @@ std::size_t writeRun(std::ostream& out, std::string_view ring, std::size_t from,
     return ring.size() - from + to;
 }
 
+/// Whether `step` came through. What it throws is reported on `std::cerr`: the console's thread must not end the
+/// process because a stream or a formatter failed. A thread that is cancelled goes on unwinding.
+template <class Step>
+bool succeeds(Step step)
+{
+    const auto report = [](const char* reason) {
+        // Not by the stream itself: it is tied to the console's output, which may just have thrown, and may throw too.
+        std::ostream(std::cerr.rdbuf()) << "LBInteractiveDump: " << reason << '\n';
+    };
+    try {
+        step();
+        return true;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& exception) {
+        report(exception.what());
+    } catch (...) {
+        report("unknown exception");
+    }
+    return false;
+}
+
+/// One turn of the dialogue up to the echo. Whether the line asks for a print: it is neither the letter nor the last.
+bool askForPrint()
+{
+    write(std::cout, "Enter: dump gl_trenvikLimitedBuffer\n"
+                     "q (und Enter): Quit\n"
+                     "(vor getline)\n");
+    std::string line;
+    // What the input throws ends the dialogue as any failure of it, behind the echo.
+    succeeds([&] { std::getline(std::cin, line); });
+    write(std::cout, "line: '" + line + "'\n");
+    // A stream that failed without an end of file would never deliver anything else.
+    return std::cin.good() && line != "q";
+}
+
 } // namespace
 
 namespace util {
@@ -89,14 +127,11 @@ LimitedBuffer::~LimitedBuffer()
     delete[] begin;
 }
 
+constinit std::atomic<bool> LimitedBuffer::bufferingActive{false};
+
 void LimitedBuffer::setBufferingActive(bool active)
 {
     bufferingActive = active;
-}
-
-bool LimitedBuffer::isBufferingActive()
-{
-    return bufferingActive;
 }
 
 /// The common body of `add` and `addf`; `lock` is the caller's, on `mutex`.
@@ -121,10 +156,8 @@ inline void LimitedBuffer::internAdd(const char* text, std::size_t len, std::uni
     requireRing(begin, end, next, size);
 }
 
-void LimitedBuffer::add(const char* text, std::size_t len)
+void LimitedBuffer::addActive(const char* text, std::size_t len)
 {
-    if (!bufferingActive)
-        return;
     std::unique_lock lock(mutex);
     internAdd(text, len, lock);
 }
@@ -261,46 +294,6 @@ std::ostream& operator<<(std::ostream& out, LimitedBuffer& buffer)
     buffer.print(out);
     return out;
 }
-
-namespace {
-
-/// Whether `step` came through. What it throws is reported on `std::cerr`: the console's thread must not end the
-/// process because a stream or a formatter failed. A thread that is cancelled goes on unwinding.
-template <class Step>
-bool succeeds(Step step)
-{
-    const auto report = [](const char* reason) {
-        // Not by the stream itself: it is tied to the console's output, which may just have thrown, and may throw too.
-        std::ostream(std::cerr.rdbuf()) << "LBInteractiveDump: " << reason << '\n';
-    };
-    try {
-        step();
-        return true;
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (const std::exception& exception) {
-        report(exception.what());
-    } catch (...) {
-        report("unknown exception");
-    }
-    return false;
-}
-
-/// One turn of the dialogue up to the echo. Whether the line asks for a print: it is neither the letter nor the last.
-bool askForPrint()
-{
-    write(std::cout, "Enter: dump gl_trenvikLimitedBuffer\n"
-                     "q (und Enter): Quit\n"
-                     "(vor getline)\n");
-    std::string line;
-    // What the input throws ends the dialogue as any failure of it, behind the echo.
-    succeeds([&] { std::getline(std::cin, line); });
-    write(std::cout, "line: '" + line + "'\n");
-    // A stream that failed without an end of file would never deliver anything else.
-    return std::cin.good() && line != "q";
-}
-
-} // namespace
 
 LBInteractiveDump::LBInteractiveDump(LimitedBuffer& buffer_)
     : buffer(buffer_)

@@ -7,6 +7,7 @@
 #include "Quorvil/QuorvilExport.h"
 #include "Quorvil/QuorvilLimitedStateValueBuffer.h"
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -52,7 +53,7 @@ public:
     /// @param formatStateValueList  prints one list to a stream; its second argument points to the list's bytes. It is
     ///                              called by `print` alone, without a lock, on each thread that prints, and may itself
     ///                              add to the buffer
-    /// @requires "formatStateValueList", "capacity <= INT_MAX", "begin < end"
+    /// @requires `formatStateValueList`, `capacity <= INT_MAX`, `begin < end`
     /// @throws std::bad_alloc  there is no memory for ring or lists
     /// @throws std::bad_array_new_length  the lists' length is below 0 or beyond any array
     /// @threads any   @realtime allocates
@@ -61,7 +62,7 @@ public:
 
     /// Releases the ring and the lists.
     ///
-    /// @threads one at a time
+    /// @threads one at a time   @realtime allocates
     virtual ~LimitedBuffer();
 
     LimitedBuffer(const LimitedBuffer&) = delete;
@@ -76,22 +77,30 @@ public:
     /// Whether buffers record and print.
     ///
     /// @threads any   @realtime bounded
-    static bool isBufferingActive();
+    static bool isBufferingActive()
+    {
+        return bufferingActive;
+    }
 
     /// Adds `len` bytes of text. Lists whose place is overwritten go.
     ///
-    /// @requires "(ptrdiff_t)len < (end - begin)"
+    /// @requires `(ptrdiff_t)len < (end - begin)`
     /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime bounded
-    void add(const char* text, std::size_t len);
+    void add(const char* text, std::size_t len)
+    {
+        // Here, so that a recorder that is switched off costs its caller no call.
+        if (bufferingActive)
+            addActive(text, len);
+    }
 
     /// Adds the text of `vsnprintf`, cut at 511 bytes without a mark. No line end is added.
     ///
-    /// Where `vsnprintf` reports an error, nothing is added and no list goes. What it formats without memory of its
-    /// own, integers, strings, and numbers of usual width, takes none here.
+    /// Where `vsnprintf` reports an error, nothing is added and no list goes. Integers, strings and floating-point
+    /// numbers of usual width take no memory.
     ///
     /// @param format  as for `printf`
-    /// @requires "(ptrdiff_t)len < (end - begin)" of the text's length
+    /// @requires `(ptrdiff_t)len < (end - begin)` of the text's length
     /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime bounded
     void addf(const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -100,7 +109,7 @@ public:
     ///
     /// @param values    the list's bytes, copied
     /// @param numBytes  their number, always `bytesPerValueList`
-    /// @requires "numBytes == bytesPerValueList"
+    /// @requires `numBytes == bytesPerValueList`
     /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime bounded
     void addStateValueList(const char* values, int numBytes);
@@ -110,35 +119,35 @@ public:
     ///
     /// It works on a copy: writers are held up for the copying of the ring and the lists, not for the output. The
     /// stream's width is reset and nothing is padded. What the stream or the formatter throws passes through and leaves
-    /// the buffer as it was.
+    /// the buffer as it was. Threads that print at the same time need a stream each.
     ///
     /// @throws std::bad_alloc  there is no memory for the copy; nothing has been written
     /// @throws std::system_error  the lock cannot be taken
-    /// @threads any, each on its own stream   @realtime allocates
+    /// @threads any   @realtime allocates
     void print(std::ostream& out);
 
     /// Writes `partSize` bytes of the ring from `partBegin` on, in ring order, valid text or not. It takes no lock: the
     /// caller decides what a writer beside it may do to the part.
     ///
-    /// @requires "begin <= partBegin && partBegin < end", "(ptrdiff_t)partSize <= (end - begin)"
-    /// @threads one at a time, writers included   @realtime I/O
+    /// @requires `begin <= partBegin && partBegin < end`, `(ptrdiff_t)partSize <= (end - begin)`
+    /// @threads one at a time   @realtime I/O
     void readPart(char* partBegin, std::size_t partSize, std::ostream& out);
 
-    /// Ends the process unless the ring's fields fit together.
+    /// Ends the process unless the ring's fields fit together. No other thread adds meanwhile.
     ///
-    /// @requires "begin < end", "begin <= next", "next < end", "(ptrdiff_t)size <= (end - begin)"
-    /// @threads one at a time, writers included   @realtime bounded
+    /// @requires `begin < end`, `begin <= next`, `next < end`, `(ptrdiff_t)size <= (end - begin)`
+    /// @threads one at a time   @realtime bounded
     void checkInvariants() const;
 
     /// The place `n` bytes from `a` in ring order, backward if `n` is negative. Any `n` will do.
     ///
-    /// @requires "begin <= a && a < end"
+    /// @requires `begin <= a && a < end`
     /// @threads any   @realtime bounded
     char* walk(char* a, std::ptrdiff_t n) const;
 
     /// The distance from `a` forward to `b` in bytes, 1 to the capacity: the whole capacity where they are equal.
     ///
-    /// @requires "begin <= a && a < end", "begin <= b && b < end"
+    /// @requires `begin <= a && a < end`, `begin <= b && b < end`
     /// @threads any   @realtime bounded
     std::size_t diff(char* a, char* b) const;
 
@@ -159,6 +168,9 @@ public:
     char* ringNext() const;
 
 private:
+    static std::atomic<bool> bufferingActive;
+
+    void addActive(const char* text, std::size_t len);
     void internAdd(const char* text, std::size_t len, std::unique_lock<std::mutex>& lock);
 
     char* begin;
@@ -171,15 +183,16 @@ private:
     std::function<void(std::ostream&, const char*)> formatStateValueList;
 };
 
-/// Prints `buffer` to `out`, as `print` does.
+/// Prints `buffer` to `out`, and throws, as `print` does.
 ///
-/// @threads any, each on its own stream   @realtime allocates
+/// @threads any   @realtime allocates
 QUORVIL_API std::ostream& operator<<(std::ostream& out, LimitedBuffer& buffer);
 
 /// The well-known buffer of the process, into which lock groups trace. It is empty at load: the application installs a
 /// buffer before it starts threads, and users test it for null. It ends with the library's other global objects.
+/// No other thread uses it while it is assigned.
 ///
-/// @threads any may read; assigned while no other thread uses it
+/// @threads any
 QUORVIL_API extern std::shared_ptr<LimitedBuffer> gl_pTrenvikLimitedBuffer;
 
 /// A console thread that prints a buffer on demand: on each line from standard input, until the line "q" or the end of
@@ -204,10 +217,10 @@ public:
 
     /// The dialogue on `std::cin` and `std::cout`: prompt, read a line, echo it, and print the buffer, again and again.
     /// It returns behind the echo of "q", of the last line of the input, or of a failed read. What `print` throws is
-    /// reported on `std::cerr`, and the dialogue goes on. What a stream throws that is set to, at a prompt, a read or
-    /// an echo, is reported there too; a read ends the dialogue behind its echo, the others at once.
+    /// reported on `std::cerr`, and the dialogue goes on. What a stream throws that is set to is reported there too: a
+    /// failed read ends the dialogue behind its echo, a failed prompt or echo at once. It has the console to itself.
     ///
-    /// @threads one at a time on the console   @realtime waits
+    /// @threads one at a time   @realtime waits
     void run();
 
 private:

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <new>
 
+namespace util {
 namespace {
 
 using quorvil::intern::require;
@@ -40,8 +41,6 @@ bool overwritten(int pos, int begin, int end, int cycleLen)
 }
 
 } // namespace
-
-namespace util {
 
 LimitedStateValueBuffer::LimitedStateValueBuffer(int bytesPerValueList_)
     : bytesPerValueList(bytesPerValueList_)
@@ -125,11 +124,12 @@ void LimitedStateValueBuffer::removeOverwritten(int begin, int end, int cycleLen
 
     int* pos = nextPos;
     char* value = nextValue;
-    // The values stay where they are: one step tells an object that can hold none, and the others would only repeat it.
+    // The first steps tell a cursor outside its ring, and an object that can hold no values; the others of the values
+    // would only repeat it.
+    posStepBack(&pos);
     valueStepBack(&value);
     int nearest = cycleLen;
-    for (int i = 0; i < numEntries; ++i) {
-        pos = (pos == posBuf ? posBufEnd : pos) - 1;
+    for (int i = 0; i < numEntries; ++i, pos = (pos == posBuf ? posBufEnd : pos) - 1) {
         if (overwritten(*pos, begin, end, cycleLen)) {
             numEntries = i;
             break;

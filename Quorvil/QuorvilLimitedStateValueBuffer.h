@@ -33,7 +33,7 @@ public:
 
     /// Releases the lists.
     ///
-    /// @threads one at a time
+    /// @threads one at a time   @realtime allocates
     virtual ~LimitedStateValueBuffer();
 
     LimitedStateValueBuffer(const LimitedStateValueBuffer&) = delete;
@@ -44,14 +44,14 @@ public:
     /// @param pos       position of the list; it is looked at only by `removeOverwritten`
     /// @param values    the list's bytes
     /// @param numBytes  their number, always `bytesPerValueList`
-    /// @requires "numBytes == bytesPerValueList"
+    /// @requires `numBytes == bytesPerValueList`
     /// @threads one at a time   @realtime bounded
     void add(int pos, const char* values, int numBytes);
 
     /// Takes over all lists of `src`, with their bytes, in place of its own. A running iteration ends.
     /// No other thread uses either object meanwhile.
     ///
-    /// @requires "src.bytesPerValueList == this->bytesPerValueList"
+    /// @requires `src.bytesPerValueList == this->bytesPerValueList`
     /// @threads one at a time   @realtime bounded
     void copyFrom(const LimitedStateValueBuffer& src);
 
@@ -62,8 +62,8 @@ public:
     /// @param begin     where the write pointer was
     /// @param end       where it is now
     /// @param cycleLen  length of the cycle
-    /// @requires "0 <= pos && pos < cycleLen" of each position looked at, "0 <= begin && begin < cycleLen",
-    ///           "0 <= end && end < cycleLen"
+    /// @requires `0 <= pos && pos < cycleLen` of each position looked at, `0 <= begin && begin < cycleLen`,
+    ///           `0 <= end && end < cycleLen`
     /// @threads one at a time   @realtime bounded
     void removeOverwritten(int begin, int end, int cycleLen);
 
@@ -82,27 +82,27 @@ public:
 
     /// Moves a cursor one position back, from the first to the last.
     ///
-    /// @requires "posBuf <= *ppos && *ppos < posBufEnd"
+    /// @requires `posBuf <= *ppos && *ppos < posBufEnd`
     /// @threads one at a time   @realtime bounded
     void posStepBack(int** ppos);
 
     /// Moves a cursor one position forward, from the last to the first.
     ///
-    /// @requires "posBuf <= *ppos && *ppos < posBufEnd"
+    /// @requires `posBuf <= *ppos && *ppos < posBufEnd`
     /// @threads one at a time   @realtime bounded
     void posStepForward(int** ppos);
 
     /// Moves a cursor one list back, from the first to the last.
     ///
     /// @param[in,out] pvalue  points to the begin of a list, as `iterate` gives it
-    /// @requires "valueBuf <= *pvalue && *pvalue < valueBufEnd", before and after the step
+    /// @requires `valueBuf <= *pvalue && *pvalue < valueBufEnd`, before and after the step
     /// @threads one at a time   @realtime bounded
     void valueStepBack(char** pvalue);
 
     /// Moves a cursor one list forward, from the last to the first.
     ///
     /// @param[in,out] pvalue  points to the begin of a list, as `iterate` gives it
-    /// @requires "valueBuf <= *pvalue && *pvalue < valueBufEnd", before and after the step
+    /// @requires `valueBuf <= *pvalue && *pvalue < valueBufEnd`, before and after the step
     /// @threads one at a time   @realtime bounded
     void valueStepForward(char** pvalue);
 

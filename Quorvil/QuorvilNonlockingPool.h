@@ -33,6 +33,9 @@ public:
     /// @threads any   @realtime allocates
     NonlockingPool(T* objects, int size);
 
+    /// Releases the pointers and leaves the objects alone.
+    ///
+    /// @threads one at a time   @realtime allocates
     virtual ~NonlockingPool();
 
     NonlockingPool(const NonlockingPool&) = delete;

@@ -51,7 +51,7 @@ public:
     /// @param arg       handed to `func` as it stands; the caller keeps alive what it points to
     /// @param stackKiB  in units of 1024 bytes, counted in 32 bits; at least 16 KiB are taken, and above that the size
     ///                  is rounded up to whole pages
-    /// @requires t->alternativeF: `func` is not null (seen by the new thread)
+    /// @requires `t->alternativeF`: `func` is not null (seen by the new thread)
     /// @throws std::bad_alloc  the start packet could not be made; no thread was started
     /// @threads any   @realtime allocates
     Pthread(Func func, void* arg, uint32_t stackKiB);
@@ -59,7 +59,7 @@ public:
     /// Starts a copy of `func`, which is destroyed on the new thread when the call has returned.
     ///
     /// @param stackKiB  as above
-    /// @requires t->alternativeF: `func` is not empty (seen by the new thread)
+    /// @requires `t->alternativeF`: `func` is not empty (seen by the new thread)
     /// @throws std::bad_alloc  the start packet could not be made; no thread was started
     /// @threads any   @realtime allocates
     Pthread(AlternativeFunc func, uint32_t stackKiB);
@@ -69,8 +69,8 @@ public:
     /// @param stackKiB     as above
     /// @param schedpolicy  `SCHED_OTHER`, `SCHED_FIFO` or `SCHED_RR`
     /// @param priority     the policy's `sched_priority`: 0 for `SCHED_OTHER`, else 1 (low) to 99 (high)
-    /// @requires schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1
-    /// @requires t->alternativeF: `func` is not null (seen by the new thread)
+    /// @requires `schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1`
+    /// @requires `t->alternativeF`: `func` is not null (seen by the new thread)
     /// @throws std::bad_alloc  the start packet could not be made; no thread was started
     /// @threads any   @realtime allocates
     Pthread(Func func, void* arg, uint32_t stackKiB, int schedpolicy, int priority);
@@ -78,8 +78,8 @@ public:
     /// Starts a copy of `func` with a policy and priority of its own.
     ///
     /// @param stackKiB, schedpolicy, priority  as above
-    /// @requires schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1
-    /// @requires t->alternativeF: `func` is not empty (seen by the new thread)
+    /// @requires `schedpolicy == 0 || schedpolicy == 2 || schedpolicy == 1`
+    /// @requires `t->alternativeF`: `func` is not empty (seen by the new thread)
     /// @throws std::bad_alloc  the start packet could not be made; no thread was started
     /// @threads any   @realtime allocates
     Pthread(AlternativeFunc func, uint32_t stackKiB, int schedpolicy, int priority);
@@ -127,8 +127,8 @@ private:
 ///
 /// @param t  an `intern::InternThread*` made by `new`; it is owned by this call
 /// @return what the function returned
-/// @requires t->alternativeF: the packet holds a function
-/// @requires f2
+/// @requires `t->alternativeF`: the packet holds a function
+/// @requires `f2`: it still holds one once it was moved out of the packet
 /// @threads any   @realtime allocates
 QUORVIL_API void* pthreadFunc(void* t);
 
@@ -150,11 +150,14 @@ struct QUORVIL_API InternThread
     InternThread(const InternThread&) = delete;
     InternThread& operator=(const InternThread&) = delete;
 
+    /// Releases the function object.
+    ///
+    /// @threads any   @realtime allocates
     virtual ~InternThread();
 
-    Pthread::Func f;
-    void* arg;
-    std::function<void*()> alternativeF;
+    Pthread::Func f;                     ///< the plain function, or null
+    void* arg;                           ///< its argument
+    std::function<void*()> alternativeF; ///< what runs where `f` is null
 };
 
 } // namespace intern

@@ -71,14 +71,17 @@ in_addr lookUp(const std::string& host)
     std::vector<char> buffer(1024);
     hostent entry{};
     hostent* found = nullptr;
-    int unused = 0;
-    int error = gethostbyname_r(host.c_str(), &entry, buffer.data(), buffer.size(), &found, &unused);
+    int reason = 0;
+    int error = gethostbyname_r(host.c_str(), &entry, buffer.data(), buffer.size(), &found, &reason);
     while (error == ERANGE && buffer.size() < largest) {
         buffer.resize(buffer.size() * 2);
-        error = gethostbyname_r(host.c_str(), &entry, buffer.data(), buffer.size(), &found, &unused);
+        error = gethostbyname_r(host.c_str(), &entry, buffer.data(), buffer.size(), &found, &reason);
     }
-    if (error != 0 || !found)
+    if (error != 0)
         throwSocketError("gethostbyname failed", error);
+    // That there is no such host is no error of the system, and has no error number.
+    if (!found)
+        throw SocketException(std::string("gethostbyname failed: ") + hstrerror(reason));
     in_addr result{};
     std::memcpy(&result, found->h_addr_list[0], std::min(sizeof result, static_cast<size_t>(found->h_length)));
     return result;

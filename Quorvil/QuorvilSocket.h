@@ -15,9 +15,17 @@ namespace net {
 class QUORVIL_API SocketException
 {
 public:
+    /// Keeps the text.
+    ///
+    /// @threads any   @realtime allocates
     explicit SocketException(const std::string& message);
+
     SocketException(const SocketException&) = default;
     SocketException& operator=(const SocketException&) = default;
+
+    /// Releases the text.
+    ///
+    /// @threads owner   @realtime allocates
     virtual ~SocketException();
 
     /// The text; what the system had to say follows behind ": ".
@@ -37,8 +45,9 @@ private:
 /// | closed | throw           | nothing                                          |
 ///
 /// Without a lock: one thread may read while another writes, and a third may close, which wakes a blocked reader
-/// and returns when it has left; but only one may close. A signal that cuts a call short is reported as a failure. An
-/// accepted socket keeps its server socket alive until it is closed.
+/// and returns when it has left; but only one may close. A thread that reads or writes keeps its own reference to the
+/// socket. A signal that cuts a call short is reported as a failure. An accepted socket keeps its server socket alive
+/// until it is closed.
 ///
 /// The destructor closes whatever fails, and writes on `std::cerr` the message that `close` would have thrown; a
 /// connection that the peer has reset (`ENOTCONN`) is no failure there.
@@ -51,7 +60,9 @@ public:
     ///
     /// @param host  a name or a dotted address, IPv4 only
     /// @param port  the low 16 bits count
-    /// @throws SocketException  "socket failed: ", "gethostbyname failed: " or "connect failed: " and the system's text
+    /// @throws SocketException  "socket failed: ", "gethostbyname failed: " or "connect failed: " and the system's
+    /// text;
+    ///     of a host that is not known "gethostbyname failed: " and the resolver's ("Unknown host")
     /// @threads any   @realtime waits
     static Ptr create(const std::string& host, int port);
 
@@ -73,10 +84,15 @@ public:
     /// Ends the connection in both directions and closes (`shutdown`, `close`). The last use of the server socket may
     /// end here, and with it the server socket.
     ///
-    /// @throws SocketException  "shutdown failed: " or "close failed: " and the system's text; the socket is still open
-    /// @threads one at a time   @realtime I/O
+    /// @throws SocketException  "shutdown failed: " or "close failed: " and the system's text; the socket is still
+    /// open.
+    ///     Behind "close failed: " do not close again: the system may have given the descriptor's number away
+    /// @threads one at a time   @realtime waits
     virtual void close() = 0;
 
+    /// Closes, as told above.
+    ///
+    /// @threads owner   @realtime I/O
     virtual ~Socket();
 
     Socket(const Socket&) = delete;
@@ -100,7 +116,9 @@ protected:
 class QUORVIL_API ServerSocket
 {
 public:
-    /// The destructor closes, and writes on `std::cerr` what `close` would have thrown.
+    /// Closes, and writes on `std::cerr` what `close` would have thrown.
+    ///
+    /// @threads owner   @realtime waits
     virtual ~ServerSocket();
 
     ServerSocket(const ServerSocket&) = delete;

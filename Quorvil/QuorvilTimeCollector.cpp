@@ -28,7 +28,7 @@ long long difference(long long to, long long from)
     return static_cast<long long>(static_cast<unsigned long long>(to) - static_cast<unsigned long long>(from));
 }
 
-/// A sum or product that cannot be counted becomes SIZE_MAX, and stays it: a length that the heap refuses.
+/// A sum or product that cannot be counted becomes SIZE_MAX: a length that the heap refuses.
 size_t plus(size_t a, size_t b)
 {
     size_t result;
@@ -41,12 +41,9 @@ size_t times(size_t a, size_t b)
     return __builtin_mul_overflow(a, b, &result) ? SIZE_MAX : result;
 }
 
-/// What `count` objects in one block take from a heap.
+/// What an object is counted with, wherever it lies.
 template <class T>
-size_t blockOf(size_t count)
-{
-    return plus(times(count, sizeof(T)), 7) / 8 * 8;
-}
+constexpr size_t rounded = (sizeof(T) + 7) / 8 * 8;
 
 /// The classic locale with grouped numbers. The facet belongs to the locale once that is made, and not before.
 std::locale groupedLocale()
@@ -95,7 +92,8 @@ void TimeCollector::reset(int atLeastCapacity)
     // The storage goes too: as long as it stands the heap is not empty and cannot rewind.
     entries.clear();
     decltype(entries)(allocator).swap(entries);
-    intern::require(allocator.getHeap()->allFree(), "allocator.getHeap()->allFree()", source, __LINE__, context);
+    const std::shared_ptr<IHeap> heap = allocator.getHeap();
+    intern::require(heap != nullptr && heap->allFree(), "allocator.getHeap()->allFree()", source, __LINE__, context);
     // A negative number becomes a length that the vector refuses.
     entries.reserve(static_cast<size_t>(atLeastCapacity));
     intern::require(static_cast<int>(entries.capacity()) >= atLeastCapacity,
@@ -114,10 +112,10 @@ void TimeCollector::tidyUpString(MyString* s)
     stringAllocator.deallocate(s, 1);
 }
 
-void TimeCollector::dump(std::ostream& stream, int nameWidth)
+void TimeCollector::dump(std::ostream& out, int nameWidth)
 {
     if (entries.empty()) {
-        stream << "TimeCollector: no entries\n";
+        out << "TimeCollector: no entries\n";
         return;
     }
     const long long first = nanoseconds(entries.front().second);
@@ -125,19 +123,19 @@ void TimeCollector::dump(std::ostream& stream, int nameWidth)
     for (const Entry& original : entries) {
         const Entry entry = original;
         const long long t = nanoseconds(entry.second);
-        stream << entry.first;
+        out << entry.first;
         const int64_t gap = nameWidth - static_cast<int64_t>(entry.first.size());
         if (gap > 0)
-            stream << *string2(static_cast<size_t>(gap), ' ');
-        stream << ": " << t << " ns    (first + " << std::setw(9) << difference(t, first) << " ns)   (last + "
-               << std::setw(9) << difference(t, last) << " ns)\n";
+            out << *string2(static_cast<size_t>(gap), ' ');
+        out << ": " << t << " ns    (first + " << std::setw(9) << difference(t, first) << " ns)   (last + "
+            << std::setw(9) << difference(t, last) << " ns)\n";
         last = t;
         if (difference(t, first) > 1000000)
-            stream << "=====> Achtung 1ms ueberschritten\n";
+            out << "=====> Achtung 1ms ueberschritten\n";
     }
-    stream << "===== Insgesamt: " << difference(last, first) << " ns"
-           << "\n"
-           << std::endl;
+    out << "===== Insgesamt: " << difference(last, first) << " ns"
+        << "\n"
+        << std::endl;
 }
 
 void StringDeleter::operator()(TimeCollector::MyString* p)
@@ -163,8 +161,8 @@ size_t TimeCollectorPool::blockBytes(size_t subHeapSize, size_t count)
     if (count > INT_MAX)
         return SIZE_MAX;
     const size_t ring = times(count + 1, sizeof(Handle));
-    const size_t records = plus(blockOf<SubHeap>(count), blockOf<TimeCollector>(count));
-    return plus(plus(ring, times(count, subHeapSize)), plus(records, blockOf<Pool>(1) + blockOf<Queue>(1)));
+    const size_t records = times(count, plus(subHeapSize, rounded<SubHeap> + rounded<TimeCollector>));
+    return plus(plus(ring, records), rounded<Pool> + rounded<Queue>);
 }
 
 TimeCollectorPool::TimeCollectorPool(std::ostream& stream, int width, size_t count, std::shared_ptr<SimpleHeap> block)

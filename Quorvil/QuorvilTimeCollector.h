@@ -40,6 +40,9 @@ public:
     /// @threads any   @realtime allocates
     explicit MyNumPunct(size_t references = 0);
 
+    /// Ends the facet; the last locale that has it calls it.
+    ///
+    /// @threads any   @realtime allocates
     ~MyNumPunct() override;
 
 protected:
@@ -87,7 +90,7 @@ public:
     /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative, or above what a `std::vector` of
     ///                            entries can hold (53 687 091 where a pointer has 32 bits)
     /// @throws std::bad_alloc  the system has no memory for the heap
-    /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the heap
+    /// @requires `nextMem + ceilSize <= memEnd`: the capacity fits into the heap
     /// @threads any   @realtime allocates
     explicit TimeCollector(int atLeastCapacity);
 
@@ -98,9 +101,10 @@ public:
     /// with the number of entries that go.
     ///
     /// @param atLeastCapacity  0 (no storage at all) to what fits into the heap
-    /// @requires allocator.getHeap()->allFree(): no handle of `string` or `string2` is alive
-    /// @requires (int) entries.capacity() >= atLeastCapacity
-    /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the heap
+    /// @requires `allocator.getHeap()->allFree()`: the record's allocator has a heap, and no handle of `string` or
+    ///           `string2` is alive
+    /// @requires `(int) entries.capacity() >= atLeastCapacity`
+    /// @requires `nextMem + ceilSize <= memEnd`: the capacity fits into the heap
     /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is negative, or above what a `std::vector` of
     ///                            entries can hold; the record is without storage then
     /// @threads one at a time   @realtime bounded
@@ -109,8 +113,8 @@ public:
     /// Appends `name` with the current time of the system clock.
     ///
     /// @param name  copied into the record; without heap space up to 15 characters
-    /// @requires heap: the record's allocator has one
-    /// @requires nextMem + ceilSize <= memEnd: a longer name, or an entry above the capacity, fits into the heap
+    /// @requires `heap`: the record's allocator has one
+    /// @requires `nextMem + ceilSize <= memEnd`: a longer name, or an entry above the capacity, fits into the heap
     /// @threads one at a time   @realtime bounded
     void add(std::string_view name);
 
@@ -119,8 +123,8 @@ public:
     ///
     /// @param name  copied into the record; without heap space up to 15 characters
     /// @param at    the moment, in the system clock's time
-    /// @requires heap: the record's allocator has one
-    /// @requires nextMem + ceilSize <= memEnd: a longer name, or an entry above the capacity, fits into the heap
+    /// @requires `heap`: the record's allocator has one
+    /// @requires `nextMem + ceilSize <= memEnd`: a longer name, or an entry above the capacity, fits into the heap
     /// @threads one at a time   @realtime bounded
     void add(std::string_view name, std::chrono::system_clock::time_point at);
 
@@ -128,8 +132,8 @@ public:
     ///
     /// @param s  the text, or null for an empty one
     /// @return a handle that must end before the next `reset` and before the record
-    /// @requires b.getHeap(): the record's allocator has a heap
-    /// @requires nextMem + ceilSize <= memEnd: the string object and its text fit into the heap
+    /// @requires `b.getHeap()`: the record's allocator has a heap
+    /// @requires `nextMem + ceilSize <= memEnd`: the string object and its text fit into the heap
     /// @threads one at a time   @realtime bounded
     std::unique_ptr<MyString, StringDeleter> string(const char* s);
 
@@ -137,8 +141,8 @@ public:
     ///
     /// @param args  what the constructor takes in front of the allocator
     /// @return a handle that must end before the next `reset` and before the record
-    /// @requires b.getHeap(): the record's allocator has a heap
-    /// @requires nextMem + ceilSize <= memEnd: the string object and its text fit into the heap
+    /// @requires `b.getHeap()`: the record's allocator has a heap
+    /// @requires `nextMem + ceilSize <= memEnd`: the string object and its text fit into the heap
     /// @throws  what the string's constructor throws; nothing stays in the heap then
     /// @threads one at a time   @realtime bounded
     template <class... Args>
@@ -146,7 +150,7 @@ public:
 
     /// Ends a text of `string` or `string2` and gives its memory back. The handles call it; nobody else has to.
     ///
-    /// @requires b.getHeap(): the record's allocator has a heap
+    /// @requires `b.getHeap()`: the record's allocator has a heap
     /// @threads one at a time   @realtime bounded
     void tidyUpString(MyString* s);
 
@@ -157,7 +161,7 @@ public:
     ///
     /// @param out        numbers follow its locale and its format. Differences are not clamped: they may be negative
     /// @param nameWidth  names are filled up with blanks to this width, and never cut
-    /// @requires nextMem + ceilSize <= memEnd: see above
+    /// @requires `nextMem + ceilSize <= memEnd`: see above
     /// @throws  what `out` throws, if it is set to
     /// @threads one at a time   @realtime I/O
     void dump(std::ostream& out, int nameWidth);
@@ -182,7 +186,7 @@ public:
 
     /// Calls `tidyUpString` of the record.
     ///
-    /// @requires tc
+    /// @requires `tc`
     /// @threads one at a time   @realtime bounded
     void operator()(TimeCollector::MyString* p);
 
@@ -203,7 +207,7 @@ public:
 
     /// Calls `put` of the pool.
     ///
-    /// @requires tcp
+    /// @requires `tcp`
     /// @threads any   @realtime bounded
     void operator()(TimeCollector* p);
 
@@ -255,8 +259,8 @@ public:
     /// @param subHeapSize  bytes for the contents of each record; a multiple of 8 always fits, with anything else
     ///                     the block can be too small
     /// @param count        number of records, 0 to `INT_MAX`; also what the queue holds
-    /// @requires nextMem + ceilSize <= memEnd
-    /// @requires subHeapAlloc.getHeap().get() == heap.get()
+    /// @requires `nextMem + ceilSize <= memEnd`
+    /// @requires `subHeapAlloc.getHeap().get() == heap.get()`
     /// @throws std::bad_array_new_length  the block's size cannot be counted
     /// @throws std::bad_alloc  the system has no memory; no thread was started
     /// @threads any   @realtime allocates
@@ -276,24 +280,27 @@ public:
     ///
     /// @throws util::GeneralException  "Pool underflow": no record is free. It allocates and announces itself: a
     ///                                 real-time thread that has to expect this calls `tryGet`.
-    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is above `INT_MAX`, or above what a
-    /// `std::vector`
-    ///                            of entries can hold; the record is free again
-    /// @requires nextMem + ceilSize <= memEnd: the capacity fits into the record's sub-heap
-    /// @requires allocator.getHeap()->allFree(): no string handle of the last use is alive
+    /// @throws std::length_error  "vector::reserve": `atLeastCapacity` is above `INT_MAX`, or above what a vector of
+    ///                            entries can hold; the record is free again
+    /// @throws std::system_error  a mutex cannot be locked
+    /// @requires `nextMem + ceilSize <= memEnd`: the capacity fits into the record's sub-heap
+    /// @requires `allocator.getHeap()->allFree()`: no string handle of the last use is alive
     /// @threads any   @realtime bounded
     Handle get(size_t atLeastCapacity);
 
     /// As `get`, but gives an empty handle where no record is free: a real-time thread must not pay for an exception.
     ///
     /// @throws std::length_error  as `get`
-    /// @requires nextMem + ceilSize <= memEnd: as `get`
+    /// @throws std::system_error  as `get`
+    /// @requires `nextMem + ceilSize <= memEnd`: as `get`
+    /// @requires `allocator.getHeap()->allFree()`: as `get`
     /// @threads any   @realtime bounded
     Handle tryGet(size_t atLeastCapacity);
 
     /// Takes a record back. The handles call it; nobody else has to.
     ///
     /// @throws util::GeneralException  "Pool overflow": all records are there already
+    /// @throws std::system_error       the mutex cannot be locked
     /// @threads any   @realtime bounded
     void put(TimeCollector* collector);
 
@@ -303,6 +310,7 @@ public:
     ///
     /// Where the queue is full, which records of this pool alone cannot make it, the handle stays with the caller.
     ///
+    /// @throws std::system_error  a mutex cannot be locked
     /// @threads any   @realtime bounded
     void dump(Handle&& collector);
 
@@ -310,9 +318,8 @@ public:
     /// number of threads; each returns when the thread has ended. Not from the dump thread itself, that is, not from
     /// within the stream: that would wait for itself.
     ///
-    /// @throws std::system_error  `EDEADLK`: called by the dump thread; nothing has changed, and another `close`,
-    /// before
-    ///                            or after, ends the pool
+    /// @throws std::system_error  `EDEADLK`: called by the dump thread; nothing has changed, and another `close`
+    ///                            before or after it ends the pool. Other codes: a mutex cannot be locked
     /// @threads any   @realtime waits
     void close();
 

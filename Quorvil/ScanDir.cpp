@@ -33,7 +33,7 @@ bool ScanDir::next()
     return entry != nullptr;
 }
 
-const std::string& ScanDir::getLongName() const
+const std::string& ScanDir::getLongName()
 {
     return record->longName;
 }

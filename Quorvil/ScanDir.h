@@ -52,7 +52,7 @@ public:
     ///
     /// @return a reference that holds as long as the object; `next` changes what it shows
     /// @threads owner   @realtime bounded
-    const std::string& getLongName() const;
+    const std::string& getLongName();
 
     /// Whether the directory could be opened. The constructor leaves the reason of a failure in `errno`.
     ///

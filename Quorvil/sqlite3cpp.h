@@ -88,7 +88,7 @@ private:
 /// A text that SQLite cannot prepare makes an `INVALID` statement from the start. A `step` that finds the database
 /// read-only returns false and leaves `INVALID`, for good. Any other failure of `step` (busy, constraint, full disk)
 /// returns false too, with the statement rewound, in `BINDING` and with its bindings, so that the same `step` may be
-/// tried again. So a loop on `step` always ends; `lastResult` tells how. What SQLite copies or lends is named below.
+/// tried again. So a loop on `step` always ends; `lastResult` tells how.
 class QUORVIL_API PrepStat
 {
 public:
@@ -128,7 +128,8 @@ public:
     /// @threads owner   @realtime allocates
     void bindText(int idx, const std::string& text);
 
-    /// Binds `textBytes` bytes, at most `INT_MAX`, as a text; 0 binds the empty text, a null pointer SQL's NULL.
+    /// Binds `textBytes` bytes, at most `INT_MAX`, as a text; 0 binds the empty text, a null pointer SQL's NULL. SQLite
+    /// copies them. Only in `BINDING`.
     ///
     /// @requires SQLITE_OK == sqlite3_bind_text(stmt, idx, textBegin, textBytes, SQLITE_TRANSIENT)
     /// @threads owner   @realtime allocates
@@ -146,12 +147,20 @@ public:
     /// @threads owner   @realtime I/O
     bool step();
 
-    /// The type, number or text of column `col`, counted from 0, of the current row (`sqlite3_column_type` and so on).
-    /// The text is SQLite's and holds until the next `step` or `reset`. Only in `ROW`.
+    /// The type of column `col`, counted from 0, of the current row (`sqlite3_column_type`). Only in `ROW`.
     ///
     /// @threads owner   @realtime allocates
     int columnType(int col);
+
+    /// The column as a number (`sqlite3_column_int`). Only in `ROW`.
+    ///
+    /// @threads owner   @realtime allocates
     int columnInt(int col);
+
+    /// The column as a text (`sqlite3_column_text`), which is SQLite's and holds until the next `step` or `reset`. Only
+    /// in `ROW`.
+    ///
+    /// @threads owner   @realtime allocates
     const unsigned char* columnText(int col);
 
     /// Rewinds to the time before the first `step` (`sqlite3_reset`). The bindings stay. Only in `BINDING`, `ROW` and

@@ -1,110 +1,89 @@
-#include "Quorvil/QuorvilTimeCollector.h"
+// Timing records and their pool.
 
-#include "tests/support/allocationCount.h"
+#include "Quorvil/QuorvilTimeCollector.h"
 #include "tests/support/assertion.h"
+#include "tests/support/environment.h"
 #include "tests/support/pageFaults.h"
 #include "tests/support/systemCalls.h"
+#include "tests/support/threadCreation.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <algorithm>
-#include <array>
-#include <chrono>
 #include <climits>
-#include <cstdint>
-#include <cstdio>
-#include <memory>
-#include <random>
+#include <iostream>
+#include <semaphore>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 using quorvil::FastAllocator;
 using quorvil::TimeCollector;
+using quorvil::TimeCollectorPool;
 using std::chrono::system_clock;
+using support::expectNothingOfTheSystem;
+using testing::ThrowsMessage;
+using Handle = TimeCollectorPool::Handle;
 
 namespace {
 
-constexpr size_t entrySize = sizeof(TimeCollector::Entry);
+const auto refusesCapacity = ThrowsMessage<std::length_error>("vector::reserve");
+const std::string exhausted = support::assertion(
+    "Quorvil/QuorvilFastAllocator", "virtual void* quorvil::BaseHeap::alloc(size_t)", "nextMem + ceilSize <= memEnd");
+
+std::string failure(const std::string& function, const std::string& expression)
+{
+    return support::assertion("Quorvil/QuorvilTimeCollector", "void quorvil::" + function, expression);
+}
 
 system_clock::time_point at(long long nanoseconds)
 {
-    return system_clock::time_point(
-        std::chrono::duration_cast<system_clock::duration>(std::chrono::nanoseconds(nanoseconds)));
+    return system_clock::time_point(std::chrono::nanoseconds(nanoseconds));
 }
 
-/// A heap that tells where its last block lay and what is still out.
-class WatchedHeap : public quorvil::IHeap
+/// Where records are printed; a flush leaves a mark. The hooks come before each write and each flush.
+struct Paper : std::stringbuf
 {
-public:
-    void* alloc(size_t size) override
+    std::function<void()> onWrite = [] {};
+    std::function<void()> onFlush = [] {};
+
+    std::streamsize xsputn(const char* text, std::streamsize length) override
     {
-        ++blocks;
-        bytesOut += size;
-        return last = base.alloc(size);
+        onWrite();
+        return std::stringbuf::xsputn(text, length);
     }
 
-    void dealloc(void* p, size_t size) override
+    int sync() override
     {
-        bytesOut -= size;
-        base.dealloc(p, size);
+        onFlush();
+        return sputc('~') == '~' ? 0 : -1;
     }
-
-    bool allFree() override
-    {
-        return base.allFree();
-    }
-
-    size_t blocks = 0;
-    size_t bytesOut = 0;
-    void* last = nullptr;
-    alignas(8) std::array<char, 65536> memory{};
-
-private:
-    quorvil::BaseHeap base{memory.data(), memory.data() + memory.size()};
 };
+
+// ---- the record
 
 struct TimeCollectorTest : testing::Test
 {
     std::string dumped(int nameWidth, const std::locale& locale = std::locale::classic())
     {
-        std::ostringstream out;
+        Paper paper;
+        std::ostream out(&paper);
         out.imbue(locale);
         record.dump(out, nameWidth);
-        return out.str();
+        return paper.str();
     }
 
-    std::shared_ptr<WatchedHeap> heap = std::make_shared<WatchedHeap>();
+    /// Bytes that the record has taken from its heap.
+    ptrdiff_t used()
+    {
+        return static_cast<char*>(heap->alloc(0)) - start;
+    }
+
+    std::shared_ptr<quorvil::IHeap> heap = std::make_shared<quorvil::SimpleHeap>(65536);
+    char* const start = static_cast<char*>(heap->alloc(0));
     TimeCollector record{FastAllocator<TimeCollector::Entry>(heap)};
 };
 
-using Entries = std::vector<std::pair<std::string, long long>>;
-
-/// What the record of these entries prints, put together in another way.
-std::string expectedText(const Entries& entries, int nameWidth)
-{
-    std::string text;
-    const long long first = entries.front().second;
-    long long last = first;
-    for (const auto& [name, t] : entries) {
-        char line[200];
-        std::snprintf(line, sizeof line, "%-*s: %lld ns    (first + %9lld ns)   (last + %9lld ns)\n",
-                      std::max(nameWidth, 0), name.c_str(), t, t - first, t - last);
-        text += line;
-        if (t - first > 1000000)
-            text += "=====> Achtung 1ms ueberschritten\n";
-        last = t;
-    }
-    return text + "===== Insgesamt: " + std::to_string(last - first) + " ns\n\n";
-}
-
 TEST_F(TimeCollectorTest, DumpReadsAsPromisedAsOftenAsAsked)
 {
-    for (int use = 0; use < 2; ++use) {
-        EXPECT_EQ(dumped(8), "TimeCollector: no entries\n");
-        record.reset(3);
-    }
+    EXPECT_EQ(dumped(8), "TimeCollector: no entries\n");
     record.add("start", at(1000000000));
     record.add("parse", at(1000000500));
     record.add("print", at(1002000500));
@@ -113,107 +92,47 @@ TEST_F(TimeCollectorTest, DumpReadsAsPromisedAsOftenAsAsked)
                              "parse   : 1000000500 ns    (first +       500 ns)   (last +       500 ns)\n"
                              "print   : 1002000500 ns    (first +   2000500 ns)   (last +   2000000 ns)\n"
                              "=====> Achtung 1ms ueberschritten\n"
-                             "===== Insgesamt: 2000500 ns\n\n");
-    const std::locale grouped(std::locale::classic(), new quorvil::MyNumPunct);
-    EXPECT_EQ(dumped(5, grouped), "start: 1 000 000 000 ns    (first +         0 ns)   (last +         0 ns)\n"
-                                  "parse: 1 000 000 500 ns    (first +       500 ns)   (last +       500 ns)\n"
-                                  "print: 1 002 000 500 ns    (first + 2 000 500 ns)   (last + 2 000 000 ns)\n"
-                                  "=====> Achtung 1ms ueberschritten\n"
-                                  "===== Insgesamt: 2 000 500 ns\n\n");
-}
-
-TEST_F(TimeCollectorTest, DumpPrintsAnyNamesTimesAndWidthsAsTheModelDoes)
-{
-    std::mt19937 random(20260711);
-    for (int round = 0; round < 1000; ++round) {
-        const long long start = static_cast<long long>(random()) * 100000000;
-        const long long steps[] = {0, 500, 1000000, 1000001, -7, 1234567890, static_cast<long long>(random())};
-        record.reset(static_cast<int>(random() % 16));
-        Entries entries;
-        for (size_t count = 1 + random() % 12; count > 0; --count) {
-            entries.emplace_back(std::string(random() % 40, 'n'), start + (entries.empty() ? 0 : steps[random() % 7]));
-            record.add(entries.back().first, at(entries.back().second));
-        }
-        const int nameWidth = static_cast<int>(random() % 50) - 5;
-        ASSERT_EQ(dumped(nameWidth), expectedText(entries, nameWidth));
-        ASSERT_EQ(dumped(INT_MIN), expectedText(entries, 0));
-    }
-    record.reset(2);
-    record.add("first", system_clock::time_point::min());
-    record.add("last", system_clock::time_point::max()); // their distance has no number
-    EXPECT_NE(dumped(0).find(": 9223372036854775807 ns    (first +        -1 ns)"), std::string::npos);
-}
-
-TEST_F(TimeCollectorTest, DumpFlushesOnlyWhenThereIsARecordToRead)
-{
-    struct : std::stringbuf
-    {
-        int sync() override
-        {
-            return ++flushes, 0;
-        }
-        int flushes = 0;
-    } buffer;
-    std::ostream out(&buffer);
-    record.dump(out, 0);
-    EXPECT_EQ(buffer.flushes, 0);
-    record.add("once", at(0));
-    record.dump(out, 0);
-    EXPECT_EQ(buffer.flushes, 1);
+                             "===== Insgesamt: 2000500 ns\n\n~");
+    record.reset(0);
+    EXPECT_EQ(dumped(8), "TimeCollector: no entries\n");
+    record.add("longer", at(1007));
+    record.add("", at(1001007));
+    record.add("late", at(1001008));
+    record.add("back", at(-1));
+    EXPECT_EQ(dumped(4, std::locale(std::locale::classic(), new quorvil::MyNumPunct)),
+              "longer: 1 007 ns    (first +         0 ns)   (last +         0 ns)\n"
+              "    : 1 001 007 ns    (first + 1 000 000 ns)   (last + 1 000 000 ns)\n"
+              "late: 1 001 008 ns    (first + 1 000 001 ns)   (last +         1 ns)\n"
+              "=====> Achtung 1ms ueberschritten\n"
+              "back: -1 ns    (first +    -1 008 ns)   (last + -1 001 009 ns)\n"
+              "===== Insgesamt: -1 008 ns\n\n~");
+    EXPECT_EQ(dumped(INT_MIN), dumped(0));
 }
 
 TEST_F(TimeCollectorTest, TheHeapHoldsTheListAtItsStartLongNamesAndGivenTextsAndNothingElse)
 {
-    EXPECT_EQ(heap->blocks, 0U) << "a new record takes nothing";
+    constexpr ptrdiff_t list = 6 * sizeof(TimeCollector::Entry);
+    EXPECT_EQ(used(), 0);
     for (int use = 0; use < 2; ++use) {
-        record.reset(5);
-        EXPECT_EQ(heap->last, heap->memory.data());
-        EXPECT_EQ(heap->bytesOut, 5 * entrySize);
-        heap->blocks = 0;
-        for (const char* name : {"", "fifteen letters", "15 letters also"})
-            record.add(name, at(1));
-        EXPECT_EQ(heap->blocks, 0U);
-        record.add("sixteen letters.", at(1));
-        EXPECT_EQ(heap->bytesOut, 5 * entrySize + 17);
-        heap->blocks = 0;
+        record.reset(6);
+        record.add("fifteen letters");
+        EXPECT_EQ(used(), list);
+        record.add("sixteen letters.");
+        EXPECT_EQ(used(), list + 24);
         dumped(40);
-        EXPECT_EQ(heap->blocks, 1U + 4 + 4) << "a copied name, and for each gap a string with its text";
-        {
-            const auto text = record.string("a text of 20 letters");
-            const auto none = record.string(nullptr);
-            const auto made = record.string2(size_t{3}, 'x');
-            EXPECT_EQ(*text + *none + *made, "a text of 20 lettersxxx");
-            EXPECT_EQ(heap->bytesOut, 5 * entrySize + 17 + 3 * sizeof(TimeCollector::MyString) + 21);
-            EXPECT_EQ(text->get_allocator().getHeap(), heap);
-            EXPECT_THROW(record.string2(SIZE_MAX, 'x'), std::length_error);
+        const auto text = record.string("a text of 20 letters");
+        EXPECT_EQ(*text + *record.string(nullptr) + *record.string2(size_t{3}, 'x'), "a text of 20 lettersxxx");
+        EXPECT_EQ(text->get_allocator().getHeap(), heap);
+        for (int i = 0; i < 9; ++i)
             record.add(*text);
-        }
-        EXPECT_EQ(heap->bytesOut, 5 * entrySize + 17 + 21) << "the names";
     }
-    record.reset(0);
-    EXPECT_EQ(heap->bytesOut, 0U);
-    for (int i = 0; i < 9; ++i)
-        record.add("beyond the capacity", at(i));
-    record.reset(1);
-    EXPECT_EQ(heap->bytesOut, entrySize);
+    EXPECT_THAT([this] { record.reset(-1); }, refusesCapacity);
+    EXPECT_THAT([] { TimeCollector{-1}; }, refusesCapacity);
+    EXPECT_THROW(record.string2(SIZE_MAX, 'x'), std::length_error);
+    EXPECT_EQ(used(), 0);
 }
 
-TEST_F(TimeCollectorTest, ANegativeCapacityIsRefusedAndNothingIsLost)
-{
-    record.add("one", at(1));
-    for (const int capacity : {-1, INT_MIN}) {
-        try {
-            record.reset(capacity);
-            ADD_FAILURE() << "no exception";
-        } catch (const std::length_error& error) {
-            EXPECT_STREQ(error.what(), "vector::reserve");
-        }
-        EXPECT_THROW(TimeCollector{capacity}, std::length_error);
-    }
-    EXPECT_EQ(heap->bytesOut, 0U);
-}
-
-TEST(TimeCollector, StampsEachEntryWithTheSystemClockAndWithoutTheSystem)
+TEST(TimeCollector, StampsWithTheSystemClockAndTakesNothingOfTheSystem)
 {
     TimeCollector record(100);
     const auto use = [&record] {
@@ -221,75 +140,235 @@ TEST(TimeCollector, StampsEachEntryWithTheSystemClockAndWithoutTheSystem)
         for (int i = 0; i < 100; ++i)
             record.add(i % 2 == 0 ? "short" : "a name of more than 15");
         record.add(*record.string("a text of more than 15"));
-        record.add(*record.string2(size_t{30}, 'x'));
     };
-    const support::AllocationCount count;
-    use();
-    EXPECT_EQ(count.allocations() + count.releases(), 0U);
-    if (!support::PageFaults::hidden()) {
-        const support::PageFaults faults;
-        use();
-        EXPECT_EQ(faults.count(), 0);
-    }
-    if (!support::systemCallsHidden()) {
-        EXPECT_EQ(support::systemCallsOf(use), std::vector<int>());
-    }
-
-    record.reset(1);
+    const long faults = support::pageFaults();
     const auto before = system_clock::now();
-    record.add("now");
-    const auto after = system_clock::now();
+    use();
+    EXPECT_EQ(support::pageFaults(), faults);
     std::ostringstream out;
     record.dump(out, 0);
-    long long stamp = 0;
-    ASSERT_EQ(std::sscanf(out.str().c_str(), "now: %lld ns", &stamp), 1);
-    EXPECT_LE(before, at(stamp));
-    EXPECT_GE(after, at(stamp));
-}
-
-TEST(MyNumPunct, GroupsByThreesWithBlanks)
-{
-    std::ostringstream out;
-    out.imbue(std::locale(std::locale::classic(), new quorvil::MyNumPunct));
-    out << 0 << '|' << 999 << '|' << 1000 << '|' << -1234567 << '|' << LLONG_MAX << '|' << std::boolalpha << true;
-    EXPECT_EQ(out.str(), "0|999|1 000|-1 234 567|9 223 372 036 854 775 807|true");
+    const auto stamp = at(std::stoll(out.str().substr(out.str().find(':') + 1)));
+    EXPECT_LE(before, stamp);
+    EXPECT_GE(system_clock::now(), stamp);
+    expectNothingOfTheSystem(use);
 }
 
 using TimeCollectorDeathTest = TimeCollectorTest;
 
 TEST_F(TimeCollectorDeathTest, MisuseFailsItsAssertion)
 {
-    constexpr char source[] = "Quorvil/QuorvilTimeCollector";
-    for (const size_t length : {size_t{0}, size_t{20}}) {
-        EXPECT_DEATH(
-            {
-                const auto text = record.string2(length, 'x');
-                record.reset(1);
-            },
-            support::assertion(source, "void quorvil::TimeCollector::reset(int)", "allocator.getHeap()->allFree()"));
+    const std::string reset = failure("TimeCollector::reset(int)", "allocator.getHeap()->allFree()");
+    for (const char* const letters : {"", "a text of 20 letters"}) {
+        const auto text = record.string(letters);
+        EXPECT_DEATH(record.reset(1), reset);
     }
-    TimeCollector::MyString text{FastAllocator<char>(heap)};
-    EXPECT_DEATH(
-        quorvil::StringDeleter()(&text),
-        support::assertion(source, "void quorvil::StringDeleter::operator()(quorvil::TimeCollector::MyString*)", "tc"));
     TimeCollector homeless{FastAllocator<TimeCollector::Entry>(std::shared_ptr<quorvil::IHeap>())};
+    EXPECT_DEATH(homeless.reset(0), reset);
     EXPECT_DEATH(homeless.string("text"), support::assertion("Quorvil/QuorvilFastAllocator", "", "b.getHeap()"));
-    EXPECT_DEATH(homeless.add("name"), support::assertion("Quorvil/QuorvilFastAllocator", "", "heap"));
+    EXPECT_DEATH(quorvil::StringDeleter()(nullptr),
+                 failure("StringDeleter::operator()(quorvil::TimeCollector::MyString*)", "tc"));
+    EXPECT_DEATH(quorvil::TimeCollectorDeleter()(&homeless),
+                 failure("TimeCollectorDeleter::operator()(quorvil::TimeCollector*)", "tcp"));
+    EXPECT_DEATH(record.reset(65536 / sizeof(TimeCollector::Entry) + 1), exhausted);
+    TimeCollector(0).string2(size_t{0x3ff00}, 'x');
+    EXPECT_DEATH(TimeCollector(0).string2(size_t{0x40000}, 'x'), exhausted);
 }
 
-TEST_F(TimeCollectorDeathTest, WhatDoesNotFitIntoTheHeapEndsTheProcess)
+// ---- the pool
+
+struct TimeCollectorPoolTest : testing::Test
 {
-    const std::string exhausted =
-        support::assertion("Quorvil/QuorvilFastAllocator", "virtual void* quorvil::BaseHeap::alloc(size_t)",
-                           "nextMem + ceilSize <= memEnd");
-    record.reset(static_cast<int>(65536 / entrySize));
-    EXPECT_DEATH(record.reset(static_cast<int>(65536 / entrySize) + 1), exhausted);
-    record.add("one", at(1));
-    EXPECT_DEATH(dumped(INT_MAX), exhausted);
-    TimeCollector alone(0);
-    constexpr size_t most = 0x40000 - sizeof(TimeCollector::MyString) - 1;
-    EXPECT_EQ(alone.string2(most, 'x')->size(), most);
-    EXPECT_DEATH(alone.string2(most + 1, 'x'), exhausted);
+    static Handle filled(TimeCollectorPool& pool, const std::string& name)
+    {
+        Handle record = pool.get(1);
+        record->add(name, at(0));
+        return record;
+    }
+
+    /// A record of one entry, with the flush of its own and the one behind its return.
+    static std::string printed(const std::string& name, int time = 0)
+    {
+        return name + ": " + std::to_string(time) +
+               " ns    (first +         0 ns)   (last +         0 ns)\n===== Insgesamt: 0 ns\n\n~~";
+    }
+
+    static size_t freeRecords(TimeCollectorPool& pool)
+    {
+        std::vector<Handle> records;
+        while (Handle record = pool.tryGet(0))
+            records.push_back(std::move(record));
+        return records.size();
+    }
+
+    /// Holds the dump thread at its next write until `go`.
+    void holdNextWrite()
+    {
+        paper.onWrite = [this, hold = true]() mutable {
+            if (std::exchange(hold, false)) {
+                held.release();
+                go.acquire();
+            }
+        };
+    }
+
+    Paper paper;
+    std::ostream out{&paper};
+    std::binary_semaphore held{0}, go{0};
+};
+
+TEST_F(TimeCollectorPoolTest, TheBlockFitsExactlyAndTheConsoleGroupsItsNumbers)
+{
+    for (const size_t count : {0U, 1U, 2U, 3U, 7U})
+        for (const size_t bytes : {0U, 8U, 1024U}) {
+            TimeCollectorPool pool(out, 0, bytes, count);
+            EXPECT_EQ(freeRecords(pool), count);
+        }
+    std::ostringstream console;
+    console.imbue(std::cout.getloc());
+    console << 1234567;
+    EXPECT_EQ(console.str(), "1 234 567") << "the console groups, whatever the pool prints to";
+    EXPECT_DEATH(TimeCollectorPool(out, 0, 1023, 1), exhausted);
+    EXPECT_DEATH(TimeCollectorPool(out, 0, 8, 1).get(1), exhausted);
+    const size_t uncountable[][2] = {{SIZE_MAX / 2, 2}, {SIZE_MAX / 8, 8}, {0, size_t{INT_MAX} + 1}};
+    for (const auto& [bytes, count] : uncountable)
+        EXPECT_THROW(TimeCollectorPool(out, 0, bytes, count), std::bad_array_new_length) << bytes << " x " << count;
+}
+
+TEST_F(TimeCollectorPoolTest, TheRecordReturnedLastIsTheNextOneArrivesEmptyAndIsNeverLost)
+{
+    TimeCollectorPool pool(out, 7, 1024, 2);
+    EXPECT_EQ(support::asked.stackBytes, 2048U * 1024);
+    const Handle second = pool.get(3);
+    Handle first = filled(pool, "a name of more than 15 characters");
+    EXPECT_THAT([&] { pool.get(0); }, ThrowsMessage<util::GeneralException>("Pool underflow"));
+    EXPECT_EQ(pool.tryGet(0), nullptr);
+    TimeCollector* const place = first.get();
+    first.reset();
+    EXPECT_THAT([&] { pool.get(size_t{INT_MAX} + 1); }, refusesCapacity);
+    EXPECT_THAT([&] { pool.tryGet(SIZE_MAX); }, refusesCapacity);
+    first = filled(pool, "only");
+    EXPECT_EQ(first.get(), place);
+    // The record's own flush, the one behind its return, and the one at the thread's end.
+    std::vector<bool> back;
+    paper.onFlush = [&] { back.push_back(pool.tryGet(0) != nullptr); };
+    pool.dump(std::move(first));
+    pool.dump(std::move(first)); // an empty handle
+    pool.close();
+    EXPECT_EQ(paper.str(), printed("only   ") + "~");
+    EXPECT_EQ(back, (std::vector<bool>{false, true, true}));
+    pool.put(place);
+    EXPECT_THAT([&] { pool.put(place); }, ThrowsMessage<util::GeneralException>("Pool overflow"));
+    pool.get(0).release();
+}
+
+TEST_F(TimeCollectorPoolTest, WhatIsQueuedIsPrintedHoweverThePoolEnds)
+{
+    for (int arrangement = 0; arrangement < 12; ++arrangement) {
+        const bool printing = arrangement % 2 != 0;
+        const bool inHands = arrangement / 2 % 2 != 0;
+        const int queued = arrangement / 4;
+        paper.str("");
+        std::string expected;
+        {
+            TimeCollectorPool pool(out, 0, 1024, 5);
+            Handle mine = inHands ? filled(pool, "mine") : Handle();
+            if (printing)
+                holdNextWrite();
+            for (int record = 0; record < printing + queued; ++record) {
+                pool.dump(filled(pool, "queued"));
+                expected += printed("queued");
+                if (printing && record == 0)
+                    held.acquire();
+            }
+            if (printing)
+                go.release();
+            if (inHands) {
+                pool.close();
+                EXPECT_EQ(paper.str(), expected + "~");
+                pool.dump(std::move(mine));
+                EXPECT_EQ(freeRecords(pool), 5U) << "a closed pool returns the record unprinted";
+            }
+        }
+        EXPECT_EQ(paper.str(), expected + "~");
+    }
+}
+
+TEST_F(TimeCollectorPoolTest, CloseFromWithinTheStreamIsRefusedDuringAnotherCloseToo)
+{
+    std::binary_semaphore joining(0);
+    const support::HookScope hook(pthread_joinFault, [&joining] { joining.release(); });
+    TimeCollectorPool pool(out, 0, 1024, 1);
+    paper.onWrite = [&] {
+        joining.acquire();
+        EXPECT_THAT([&] { pool.close(); }, testing::ThrowsMessage<std::system_error>(std::strerror(EDEADLK)));
+    };
+    pool.dump(pool.get(0));
+    pool.close();
+    EXPECT_EQ(paper.str(), "TimeCollector: no entries\n~~");
+}
+
+TEST_F(TimeCollectorPoolTest, WhatSeveralProducersDumpComesOutWholeAndInOrderOrGoesBackWhereOthersClose)
+{
+    constexpr size_t producers = 3;
+    constexpr int records = 50;
+    for (int round = 0; round < (support::sanitized || support::emulated ? 20 : 100); ++round) {
+        paper.str("");
+        TimeCollectorPool pool(out, 0, 256, producers - 1);
+        std::atomic<int> dumped{0};
+        std::vector<std::thread> threads;
+        for (size_t producer = 0; producer < producers; ++producer)
+            threads.emplace_back([&, producer] {
+                for (int number = 1; number <= records; ++number, ++dumped) {
+                    Handle record;
+                    while (!(record = pool.tryGet(1)))
+                        std::this_thread::yield();
+                    record->add(std::to_string(producer), at(number));
+                    pool.dump(std::move(record));
+                }
+            });
+        while (dumped < records)
+            std::this_thread::yield();
+        std::string seen;
+        threads.emplace_back([&] {
+            pool.close();
+            seen = paper.str();
+        });
+        pool.close();
+        const std::string text = paper.str();
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(seen, text);
+        EXPECT_EQ(paper.str(), text) << "nothing is printed behind a close";
+        EXPECT_EQ(freeRecords(pool), producers - 1) << "none lies in the ring of a closed pool";
+        int last[producers] = {};
+        for (size_t place = 0; place + 1 < text.size();) {
+            const std::string record =
+                printed({text[place]}, ++last[static_cast<size_t>(text[place] - '0') % producers]);
+            ASSERT_EQ(text.substr(place, record.size()), record);
+            place += record.size();
+        }
+    }
+}
+
+TEST_F(TimeCollectorPoolTest, TakesNothingOfTheSystemWhileTheDumpThreadIsAwake)
+{
+    TimeCollectorPool pool(out, 0, 4096, 4);
+    holdNextWrite();
+    pool.dump(pool.get(0));
+    held.acquire();
+    const auto use = [&pool] {
+        for (const bool print : {true, false}) {
+            Handle record = print ? pool.get(20) : pool.tryGet(20);
+            for (int i = 0; i < 20; ++i)
+                record->add(i % 2 == 0 ? "short" : "a name of more than 15");
+            if (print)
+                pool.dump(std::move(record));
+        }
+    };
+    expectNothingOfTheSystem(use);
+    go.release();
+    pool.close();
+    expectNothingOfTheSystem(use);
 }
 
 } // namespace

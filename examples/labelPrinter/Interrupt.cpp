@@ -2,21 +2,31 @@
 
 #include "Failure.h"
 
-#include <csignal>
+#include <atomic>
 #include <signal.h>
 
 namespace labelPrinter {
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+/// Set by a signal's handler, and by the controller for its other threads.
+constinit std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal's handler may set it");
 
 void note(int)
 {
-    interrupted = 1;
+    interrupted = true;
 }
 
 } // namespace
+
+void expectFailedWrites()
+{
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+    sigaction(SIGXFSZ, &action, nullptr);
+}
 
 void watchInterrupts()
 {
@@ -30,15 +40,22 @@ void watchInterrupts()
         if (sigaction(signalNumber, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
             sigaction(signalNumber, &action, nullptr);
     }
-    action.sa_handler = SIG_IGN;
-    action.sa_flags = 0;
-    sigaction(SIGPIPE, &action, nullptr);
-    sigaction(SIGXFSZ, &action, nullptr);
+    expectFailedWrites();
+}
+
+void interrupt()
+{
+    interrupted = true;
+}
+
+bool isInterrupted()
+{
+    return interrupted;
 }
 
 void stopIfInterrupted(const char* outcome)
 {
-    if (interrupted != 0)
+    if (interrupted)
         throw Failure(std::string("interrupted, ") + outcome);
 }
 

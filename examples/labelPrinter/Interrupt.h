@@ -7,10 +7,19 @@
 
 namespace labelPrinter {
 
-/// From now on SIGINT, SIGTERM and SIGHUP are noted instead of ending the process, a reader of our output that goes
-/// away (SIGPIPE) and a file that grows too large (SIGXFSZ) show as failed writes. The same signal a second time ends
-/// the process at once, and leaves temporary files behind. Call it once, first.
+/// From now on a reader of our output that goes away (SIGPIPE) and a file that grows too large (SIGXFSZ) show as failed
+/// writes.
+void expectFailedWrites();
+
+/// `expectFailedWrites`, and from now on SIGINT, SIGTERM and SIGHUP are noted instead of ending the process. The same
+/// signal a second time ends the process at once, and leaves temporary files behind. Call it once, first.
 void watchInterrupts();
+
+/// As if one of the noted signals had come; also by another thread than those that ask.
+void interrupt();
+
+/// Whether one of the noted signals has come.
+bool isInterrupted();
 
 /// Throws a `Failure` when one of the noted signals has come, so that everything half done is taken back.
 ///

@@ -83,6 +83,8 @@ struct Job
     int height = 0;
     int dotsPerInch = 600;
     int pages = 1;
+    /// UTF-8, or empty.
+    std::string title;
     /// The pictures by the path of their file; the statements point to them.
     std::map<std::string, Image> images;
     std::vector<Statement> statements;

@@ -1,10 +1,9 @@
 #include "JobReader.h"
 
-#include "InputFile.h"
 #include "PbmFile.h"
+#include "Title.h"
 #include "Trace.h"
 
-#include <string_view>
 #include <utility>
 
 namespace labelPrinter {
@@ -15,11 +14,7 @@ constexpr int mostPages = 9999;
 constexpr int mostCopies = 1000;
 constexpr int mostDotsPerInch = 10000;
 constexpr int64_t largestStep = 1000000;
-constexpr size_t longestLine = 4096;
-constexpr int mostLines = 100000;
 constexpr size_t mostImageBytes = size_t{256} << 20;
-/// What some editors put before the text of a UTF-8 file.
-constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 
 } // namespace
 
@@ -27,6 +22,7 @@ constexpr JobReader::Word JobReader::wordTable[] = {
     {"page", "page WIDTH HEIGHT", 2, 2, Use::once, &JobReader::readPage},
     {"dpi", "dpi DOTS", 1, 1, Use::once, &JobReader::readDotsPerInch},
     {"pages", "pages COUNT", 1, 1, Use::once, &JobReader::readPages},
+    {"title", "title TEXT", 1, 1, Use::once, &JobReader::readTitle},
     {"repeat", "repeat COLUMNS ROWS DX DY STATEMENT", 5, SIZE_MAX, Use::often, &JobReader::readRepeat},
     {"clip", "clip X Y WIDTH HEIGHT", 4, 4, Use::often, &JobReader::readClip},
     {"unclip", "unclip", 0, 0, Use::often, &JobReader::readUnclip},
@@ -37,40 +33,44 @@ constexpr JobReader::Word JobReader::wordTable[] = {
     {"serialPairs", "serialPairs STRIP X Y DIGITS [FIRST [STEP]]", 4, 6, Use::repeatable, &JobReader::readSerialPairs},
 };
 
+JobReader::JobReader(std::string name, PicturePlaces thePlaces)
+    : jobName(std::move(name))
+    , places(std::move(thePlaces))
+{
+}
+
 JobReader::JobReader(std::string path)
-    : jobPath(std::move(path))
+    : JobReader(path, PicturePlaces::besideFile(path, nullptr))
 {
 }
 
 Job JobReader::read()
 {
-    InputFile file(jobPath);
-    int number = 0;
-    for (bool more = true; more;) {
-        if (++number > mostLines)
-            throw JobLine(jobPath, number, "").failure("the job is too long");
-        std::string text;
-        int byte = 0;
-        while ((byte = file.next()) >= 0 && byte != '\n') {
-            text.push_back(static_cast<char>(byte));
-            if (text.size() > longestLine)
-                throw JobLine(jobPath, number, "").failure("the line is too long");
-        }
-        more = byte >= 0;
-        if (number == 1 && text.starts_with(byteOrderMark))
-            text.erase(0, byteOrderMark.size());
-        if (!text.empty())
-            traceJobLine(number, text);
+    JobText lines(jobName);
+    return readLines(lines);
+}
+
+Job JobReader::read(const std::string& text)
+{
+    JobText lines(jobName, text);
+    return readLines(lines);
+}
+
+Job JobReader::readLines(JobText& text)
+{
+    while (text.next()) {
+        if (!text.line().empty())
+            traceJobLine(text.number(), text.line());
         // In a file's name it would end the name.
-        if (text.find('\0') != std::string::npos)
-            throw JobLine(jobPath, number, "").failure("the line holds a NUL byte");
-        JobLine line(jobPath, number, text);
+        if (text.line().find('\0') != std::string::npos)
+            throw JobLine(jobName, text.number(), "").failure("the line holds a NUL byte");
+        JobLine line(jobName, text.number(), text.line());
         repeat = Repeat();
         if (line.wordsLeft() > 0)
             readWord(line, false);
     }
     if (job.width == 0)
-        throw JobLine(jobPath, number, "").failure("the job has no 'page WIDTH HEIGHT'");
+        throw JobLine(jobName, text.number(), "").failure("the job has no 'page WIDTH HEIGHT'");
     checkSerials();
     // The pictures of a moved map stay where the statements point to.
     return std::move(job);
@@ -110,6 +110,16 @@ void JobReader::readDotsPerInch(JobLine& line)
 void JobReader::readPages(JobLine& line)
 {
     job.pages = static_cast<int>(line.number("COUNT", 1, mostPages));
+}
+
+void JobReader::readTitle(JobLine& line)
+{
+    job.title = line.word();
+    try {
+        checkTitle(job.title);
+    } catch (const Failure& reason) {
+        throw line.failure(reason.what());
+    }
 }
 
 void JobReader::readRepeat(JobLine& line)
@@ -202,7 +212,7 @@ void JobReader::checkSerials() const
             continue;
         for (int64_t value : {serial->on(1), serial->on(job.pages)})
             if (value < 0 || value >= tenToThe(serial->digits))
-                throw JobLine(jobPath, statement.line, "")
+                throw JobLine(jobName, statement.line, "")
                     .failure("the serial number " + std::to_string(value) + " does not fit " +
                              std::to_string(serial->digits) + " digits");
     }
@@ -210,24 +220,19 @@ void JobReader::checkSerials() const
 
 Image* JobReader::image(JobLine& line)
 {
-    const std::string name = line.word();
-    if (name.empty())
-        throw line.failure("the picture's name is empty");
-    const size_t slash = jobPath.rfind('/');
-    const bool fromFolder = slash != std::string::npos && !name.starts_with('/');
-    const std::string path = fromFolder ? jobPath.substr(0, slash + 1) + name : name;
-    auto found = job.images.find(path);
-    if (found == job.images.end()) {
-        try {
+    try {
+        const std::string path = places.path(line.word());
+        auto found = job.images.find(path);
+        if (found == job.images.end()) {
             found = job.images.emplace(path, readPbm(path)).first;
-        } catch (const Failure& reason) {
-            throw line.failure(reason.what());
+            imageBytes += found->second.bytes().size();
+            if (imageBytes > mostImageBytes)
+                throw Failure("the pictures of the job take more than 256 MB");
         }
-        imageBytes += found->second.bytes().size();
-        if (imageBytes > mostImageBytes)
-            throw line.failure("the pictures of the job take more than 256 MB");
+        return &found->second;
+    } catch (const Failure& reason) {
+        throw line.failure(reason.what());
     }
-    return &found->second;
 }
 
 } // namespace labelPrinter

@@ -5,6 +5,8 @@
 
 #include "Job.h"
 #include "JobLine.h"
+#include "JobText.h"
+#include "PicturePlaces.h"
 
 #include <cstddef>
 #include <set>
@@ -16,14 +18,23 @@ namespace labelPrinter {
 class JobReader
 {
 public:
-    /// @param path  of the job file; the pictures' paths are looked up from its folder
+    /// @param name    of the job, for messages: the path of its file, where it has one
+    /// @param places  where its pictures are
+    JobReader(std::string name, PicturePlaces places);
+
+    /// A reader of a job file, whose pictures' paths are looked up from its folder.
     explicit JobReader(std::string path);
 
-    /// Reads the job and its pictures. One call a reader.
+    /// Reads the job from the file that its name is, and its pictures. One call a reader.
     ///
     /// @throws Failure  with file and line: a file cannot be read, a line cannot be understood, a number is out of
     ///                  range
     Job read();
+
+    /// Reads the job from its text, and its pictures. One call a reader.
+    ///
+    /// @throws Failure  as above
+    Job read(const std::string& text);
 
 private:
     /// How often a job may have a word; what is repeatable may stand behind `repeat` as well.
@@ -45,10 +56,12 @@ private:
     };
     static const Word wordTable[];
 
+    Job readLines(JobText& text);
     void readWord(JobLine& line, bool repeated);
     void readPage(JobLine& line);
     void readDotsPerInch(JobLine& line);
     void readPages(JobLine& line);
+    void readTitle(JobLine& line);
     void readRepeat(JobLine& line);
     void readClip(JobLine& line);
     void readUnclip(JobLine& line);
@@ -63,7 +76,8 @@ private:
     void checkSerials() const;
     Image* image(JobLine& line);
 
-    std::string jobPath;
+    std::string jobName;
+    PicturePlaces places;
     Job job;
     /// The words that may come once and came.
     std::set<const Word*> told;

@@ -3,12 +3,9 @@
 #ifndef LABELPRINTER_PAGETIMES_H
 #define LABELPRINTER_PAGETIMES_H
 
-#include "Quorvil/QuorvilTimeCollector.h"
+#include "TimeRecords.h"
 
-#include <iostream>
-#include <optional>
 #include <string>
-#include <syncstream>
 
 namespace labelPrinter {
 
@@ -47,9 +44,8 @@ public:
     void close();
 
 private:
-    std::osyncstream stream;
-    std::optional<quorvil::TimeCollectorPool> pool;
-    quorvil::TimeCollectorPool::Handle record;
+    TimeRecords records;
+    TimeRecords::Handle record;
     /// The one that is being made, or 0.
     int pageNumber = 0;
 };

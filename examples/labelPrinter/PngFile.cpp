@@ -50,7 +50,7 @@ void keepError(png_structp png, png_const_charp words)
 void ignoreWarning(png_structp, png_const_charp) {}
 
 /// Writes the file unless a callback jumps out. Nothing in here has a destructor that the jump could pass over.
-bool writeAll(png_structp png, png_infop info, const Image& image, int dotsPerInch)
+bool writeAll(png_structp png, png_infop info, const Image& image, int dotsPerInch, char* title)
 {
     if (setjmp(png_jmpbuf(png)) != 0)
         return false;
@@ -59,6 +59,14 @@ bool writeAll(png_structp png, png_infop info, const Image& image, int dotsPerIn
                  PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     const auto dotsPerMetre = static_cast<png_uint_32>((dotsPerInch * 10000 + 127) / 254);
     png_set_pHYs(png, info, dotsPerMetre, dotsPerMetre, PNG_RESOLUTION_METER);
+    if (*title != '\0') {
+        char keyword[] = "Title";
+        png_text text = {};
+        text.compression = PNG_ITXT_COMPRESSION_NONE;
+        text.key = keyword;
+        text.text = title;
+        png_set_text(png, info, &text, 1);
+    }
     png_write_info(png, info);
     // In PNG 1 is white.
     png_set_invert_mono(png);
@@ -70,12 +78,13 @@ bool writeAll(png_structp png, png_infop info, const Image& image, int dotsPerIn
 
 } // namespace
 
-void writePng(const Image& image, int dotsPerInch, ResultFile& file)
+void writePng(const Image& image, int dotsPerInch, const std::string& title, ResultFile& file)
 {
     Sink sink{file, nullptr, "no memory"};
+    std::string text = title;
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &sink, keepError, ignoreWarning);
     png_infop info = png == nullptr ? nullptr : png_create_info_struct(png);
-    const bool written = info != nullptr && writeAll(png, info, image, dotsPerInch);
+    const bool written = info != nullptr && writeAll(png, info, image, dotsPerInch, text.data());
     png_destroy_write_struct(&png, &info);
     if (sink.failure != nullptr)
         std::rethrow_exception(sink.failure);

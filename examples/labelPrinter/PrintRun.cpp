@@ -4,9 +4,9 @@
 #include "Failure.h"
 #include "Interrupt.h"
 #include "JobReader.h"
+#include "PageResults.h"
 #include "PageTimes.h"
 #include "PbmFile.h"
-#include "PngFile.h"
 #include "Progress.h"
 #include "ResultFiles.h"
 #include "RunLengthFile.h"
@@ -20,15 +20,6 @@ namespace labelPrinter {
 
 namespace {
 
-std::string resultName(const std::string& out, int page, int pages)
-{
-    if (pages == 1)
-        return out;
-    char number[16];
-    std::snprintf(number, sizeof number, "-%04d", page);
-    return out + number;
-}
-
 /// The library's own text form stops at milliseconds, in which a page is often composed more than once.
 std::string inMilliseconds(const util::TimeSpec& time)
 {
@@ -39,36 +30,11 @@ std::string inMilliseconds(const util::TimeSpec& time)
     return text;
 }
 
-void writePbm(const Image& image, ResultFile& file)
-{
-    file.write(pbmHeader(image));
-    file.write(image.bytes().data(), image.bytes().size());
-}
-
-/// Writes the results of one page, NAME.KIND each.
-struct PageResults
-{
-    ResultFiles& files;
-    PageTimes& times;
-    std::string name;
-
-    /// @param encode  writes the page to the file that it is given
-    template <typename Encode>
-    void write(const std::string& kind, Encode encode) const
-    {
-        ResultFile file = files.create(name + "." + kind);
-        encode(file);
-        times.reach(kind + " encoded");
-        file.finish();
-        times.reach(kind + " on disk");
-    }
-};
-
 } // namespace
 
-void print(const std::string& jobPath, const std::string& out, PageTimes& times)
+void print(const std::string& jobPath, const std::string& out, const Drives* drives, PageTimes& times)
 {
-    Job job = JobReader(jobPath).read();
+    Job job = JobReader(jobPath, PicturePlaces::besideFile(jobPath, drives)).read();
     ResultFiles results;
     results.protect(jobPath);
     for (const auto& [path, image] : job.images)
@@ -82,10 +48,12 @@ void print(const std::string& jobPath, const std::string& out, PageTimes& times)
         const Image& image = composer.compose(page);
         progress.endComposing();
         times.reach("composed");
-        const PageResults ofPage{results, times, resultName(out, page, job.pages)};
-        ofPage.write("pbm", [&](ResultFile& file) { writePbm(image, file); });
-        ofPage.write("png", [&](ResultFile& file) { writePng(image, job.dotsPerInch, file); });
-        ofPage.write("qrl", [&](ResultFile& file) { writeRunLengths(image, job.dotsPerInch, file); });
+        const PageResults ofPage(results, resultName(out, page, job.pages),
+                                 [&](const std::string& station) { times.reach(station); });
+        const PageContent content{image, job.dotsPerInch, job.title};
+        ofPage.writePbm(content);
+        ofPage.writePng(content);
+        ofPage.writeRunLengths(content);
         times.end();
         progress.pageDone(page);
     }
@@ -115,10 +83,11 @@ void show(const std::string& path, const std::string& out)
     }
     ResultFiles results;
     results.protect(path);
-    PageTimes untimed(false);
-    const PageResults ofPage{results, untimed, out};
-    ofPage.write("pbm", [&](ResultFile& file) { writePbm(page.image, file); });
-    ofPage.write("png", [&](ResultFile& file) { writePng(page.image, page.dotsPerInch, file); });
+    const PageResults ofPage(results, out, [](const std::string&) {});
+    const std::string untitled;
+    const PageContent content{page.image, page.dotsPerInch, untitled};
+    ofPage.writePbm(content);
+    ofPage.writePng(content);
     results.keep();
 }
 

@@ -7,16 +7,18 @@
 
 namespace labelPrinter {
 
+class Drives;
 class PageTimes;
 
 /// Composes the job's pages and writes each as NAME.pbm, NAME.png and NAME.qrl, where NAME is `out`, or `out` with
 /// the page's number behind it when there are several. It tells on the standard output how far it is, once a second,
 /// and how long it took.
 ///
-/// @param times  gets the stations of each page
+/// @param drives  where the job's names with a drive's letter lead to; without them letters mean nothing
+/// @param times   gets the stations of each page
 /// @throws Failure  anything went wrong. The folder of `out` is then as it was, unless it was the last steps that went
 ///                  wrong: renaming, bringing the folder onto the disk, printing the summary. The text tells these.
-void print(const std::string& jobPath, const std::string& out, PageTimes& times);
+void print(const std::string& jobPath, const std::string& out, const Drives* drives, PageTimes& times);
 
 /// Turns a run-length file back into a picture.
 ///

@@ -4,6 +4,7 @@
 
 #include <ctime>
 #include <ostream>
+#include <utility>
 
 namespace labelPrinter {
 
@@ -25,8 +26,9 @@ util::TimeSpec oneSecond()
 
 } // namespace
 
-Progress::Progress(int thePages)
+Progress::Progress(int thePages, std::string theName)
     : pages(thePages)
+    , name(std::move(theName))
     , begin(now())
     , nextLine(begin)
 {
@@ -61,7 +63,7 @@ void Progress::tell(int page, const std::string& state)
         return;
     nextLine = time;
     nextLine += oneSecond();
-    safeCout << "page " << page << " of " << pages << state << " after " << sinceBegin().toShortString() << " s"
+    safeCout << name << "page " << page << " of " << pages << state << " after " << sinceBegin().toShortString() << " s"
              << std::endl;
 }
 

@@ -15,7 +15,8 @@ namespace labelPrinter {
 class Progress
 {
 public:
-    explicit Progress(int pages);
+    /// @param name  stands before each line, such as "job 3: "
+    explicit Progress(int pages, std::string name = "");
 
     /// Stand around the work whose time `composing` adds up.
     void beginComposing();
@@ -35,6 +36,7 @@ private:
     void tell(int page, const std::string& state);
 
     int pages;
+    std::string name;
     util::TimeSpec begin;
     util::TimeSpec nextLine;
     util::TimeSpec composingSince;

@@ -22,16 +22,17 @@ constexpr size_t traceBytes = 65536;
 /// A list of state values. A list has no room to spare: the recorder keeps 128 of them.
 struct BandState
 {
-    uint16_t page, band, y;
+    uint16_t page, band, y, fed;
 };
-static_assert(sizeof(BandState) == 6 && longestSide <= UINT16_MAX, "nothing is padded, and every row can be told");
+static_assert(sizeof(BandState) == 8 && longestSide <= UINT16_MAX, "nothing is padded, and every row can be told");
 
 void formatState(std::ostream& out, const char* values)
 {
     BandState state = {};
     std::memcpy(&state, values, sizeof state);
     char text[64];
-    std::snprintf(text, sizeof text, "  [page %d, band %d, y %d]\n", state.page, state.band, state.y);
+    std::snprintf(text, sizeof text, "  [page %d, band %d, y %d%s]\n", state.page, state.band, state.y,
+                  state.fed != 0 ? ", fed" : "");
     out << text;
 }
 
@@ -55,9 +56,9 @@ void traceStation(int page, const char* station)
         util::gl_pTrenvikLimitedBuffer->addf("page %d: %s\n", page, station);
 }
 
-void traceBand(int page, int band, int y)
+void traceBand(int page, int band, int y, bool fed)
 {
-    const BandState state = {static_cast<uint16_t>(page), static_cast<uint16_t>(band), static_cast<uint16_t>(y)};
+    const BandState state = {static_cast<uint16_t>(page), static_cast<uint16_t>(band), static_cast<uint16_t>(y), fed};
     char values[sizeof state];
     std::memcpy(values, &state, sizeof state);
     if (util::gl_pTrenvikLimitedBuffer)

@@ -17,12 +17,14 @@ void traceJobLine(int number, const std::string& text);
 /// Records that a page has got somewhere.
 void traceStation(int page, const char* station);
 
-/// Records where composing stands, as a list of state values: bytes that become text only when the trace is printed.
+/// Records where composing or the engine stands, as a list of state values: bytes that become text only when the trace
+/// is printed. It neither allocates nor writes.
 ///
 /// @param page  from 1
 /// @param band  of the page, from 1
 /// @param y     the band's first row, below `longestSide`
-void traceBand(int page, int band, int y);
+/// @param fed   the engine has fed the band; else it is about to be composed
+void traceBand(int page, int band, int y, bool fed = false);
 
 /// Prints the trace to the standard error output. Where that fails, a line there tells why; it throws nothing.
 void printTrace() noexcept;

@@ -1,4 +1,4 @@
-// Counts what a thread takes from the system's allocator, and makes it fail on request.
+// Counts what a thread takes from the system's allocator.
 
 #ifndef QUORVIL_TESTS_SUPPORT_ALLOCATIONCOUNT_H
 #define QUORVIL_TESTS_SUPPORT_ALLOCATIONCOUNT_H
@@ -13,40 +13,22 @@ namespace support {
 ///     queue.push(std::move(value));
 ///     EXPECT_EQ(0U, count.allocations());
 ///
-/// The whole malloc family counts, and with it `operator new`, in the library as in the test. Read it on the thread
-/// that made it. Counts can be nested.
+/// `malloc` and its family count, and with it `operator new`, in the library as in the test. Read it on the thread that
+/// made it. Counts can be nested.
 class AllocationCount
 {
 public:
     AllocationCount();
 
-    /// Successful and failed requests for memory, reallocations included.
+    /// Blocks taken; a reallocation takes one and gives one back.
     size_t allocations() const;
 
-    /// Blocks given back; giving back a null pointer does not count.
+    /// Blocks given back.
     size_t releases() const;
 
 private:
     size_t allocationsBefore;
     size_t releasesBefore;
-};
-
-/// While it lives, the calling thread's `kth` allocation from now on (1 is the next one) fails, and with `forEver` all
-/// that follow it: `malloc` gives null, `operator new` throws `std::bad_alloc`. One at a time in a thread. In a build
-/// with a sanitizer only `operator new` fails; only where `hidden()` is null.
-class AllocationFailure
-{
-public:
-    explicit AllocationFailure(size_t kth, bool forEver = false);
-    ~AllocationFailure();
-    AllocationFailure(const AllocationFailure&) = delete;
-    AllocationFailure& operator=(const AllocationFailure&) = delete;
-
-    /// An allocation has been made to fail. A test that walks through all k is done when none was.
-    bool reached() const;
-
-    /// Why allocations cannot be made to fail here, or null.
-    static const char* hidden();
 };
 
 } // namespace support

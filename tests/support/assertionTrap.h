@@ -1,6 +1,4 @@
-// Catches failed assertions instead of dying of them, for tests that fail thousands. It interposes `__assert_fail`, so
-// one source of a program defines QUORVIL_ASSERTION_TRAP before it includes this header; outside of `failureOf` a
-// failed assertion ends the process as ever.
+// Catches failed assertions instead of dying of them, for tests that fail thousands: it interposes `__assert_fail`.
 
 #ifndef QUORVIL_TESTS_SUPPORT_ASSERTIONTRAP_H
 #define QUORVIL_TESTS_SUPPORT_ASSERTIONTRAP_H
@@ -8,6 +6,7 @@
 #include "Quorvil/QuorvilAssert.h"
 
 #include <csetjmp>
+#include <dlfcn.h>
 #include <string>
 
 namespace assertionTrap {
@@ -16,49 +15,37 @@ inline std::jmp_buf place;
 inline std::string failure;
 inline bool armed = false;
 
-/// A frame of its own between the jump's place and the action, whose variables would be lost to the jump.
-template <typename Action>
-__attribute__((noinline)) void run(const Action& action)
-{
-    action();
-}
-
 /// Runs `action`, whose frames may hold nothing that needs a destructor where it fails, and gives "file: function:
-/// expression" of the assertion that it failed, or an empty text.
+/// expression" of the assertion that it failed, or an empty text. It has a frame of its own: the jump loses variables.
 template <typename Action>
-const std::string& failureOf(const Action& action)
+__attribute__((noinline)) const std::string& failureOf(const Action& action)
 {
+    struct Armed
+    {
+        ~Armed()
+        {
+            armed = false;
+        }
+    } const untilReturn;
     failure.clear();
     armed = true;
-    try {
-        if (setjmp(place) == 0)
-            run(action);
-    } catch (...) {
-        armed = false;
-        throw;
-    }
-    armed = false;
+    if (setjmp(place) == 0)
+        action();
     return failure;
 }
 
 } // namespace assertionTrap
 
-#ifdef QUORVIL_ASSERTION_TRAP
-
-#include <dlfcn.h>
-
-extern "C" void __assert_fail(const char* expression, const char* file, unsigned line, const char* function) noexcept
+/// Outside of `failureOf` a failed assertion ends the process as ever. Each source that includes this has a copy.
+extern "C" __attribute__((weak)) void __assert_fail(const char* expression, const char* file, unsigned line,
+                                                    const char* function) noexcept
 {
-    using namespace assertionTrap;
-    if (armed) {
-        failure = std::string(file) + ": " + function + ": " + expression;
-        std::longjmp(place, 1);
+    if (assertionTrap::armed) {
+        assertionTrap::failure = std::string(file) + ": " + function + ": " + expression;
+        std::longjmp(assertionTrap::place, 1);
     }
-    reinterpret_cast<void (*)(const char*, const char*, unsigned, const char*)>(dlsym(RTLD_NEXT, "__assert_fail"))(
-        expression, file, line, function);
+    reinterpret_cast<decltype(&__assert_fail)>(dlsym(RTLD_NEXT, "__assert_fail"))(expression, file, line, function);
     __builtin_unreachable();
 }
-
-#endif
 
 #endif

@@ -9,44 +9,15 @@
 
 namespace support {
 
-/// Counts the calling thread's page faults, minor and major, from its construction on. Read it on the thread that made
-/// it, and only where `hidden()` is null.
-class PageFaults
+/// The calling thread's page faults so far, minor and major. They cannot be told from those of an emulator or of a
+/// sanitizer: there they are always 0.
+inline long pageFaults()
 {
-public:
-    PageFaults()
-        : before(soFar())
-    {
-    }
-
-    long count() const
-    {
-        return soFar() - before;
-    }
-
-    /// Why they cannot be counted here, or null:
-    ///
-    ///     if (const char* const reason = support::PageFaults::hidden())
-    ///         GTEST_SKIP() << reason;
-    static const char* hidden()
-    {
-        if (emulated)
-            return "the emulator's page faults hide the program's";
-        if (sanitized)
-            return "the sanitizer's page faults hide the program's";
-        return nullptr;
-    }
-
-private:
-    static long soFar()
-    {
-        rusage usage{};
+    rusage usage{};
+    if (!emulated && !sanitized)
         getrusage(RUSAGE_THREAD, &usage);
-        return usage.ru_minflt + usage.ru_majflt;
-    }
-
-    long before;
-};
+    return usage.ru_minflt + usage.ru_majflt;
+}
 
 } // namespace support
 

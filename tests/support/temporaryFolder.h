@@ -9,24 +9,12 @@
 
 namespace support {
 
-class TemporaryFolder
+struct TemporaryFolder
 {
-public:
-    TemporaryFolder()
-    {
-        path = (std::filesystem::temp_directory_path() / "quorvil-XXXXXX").string();
-        if (!mkdtemp(path.data()))
-            std::abort();
-    }
-
     ~TemporaryFolder()
     {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
+        std::filesystem::remove_all(path);
     }
-
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
     /// The path of `name` inside the folder.
     std::string operator/(const std::string& name) const
@@ -34,7 +22,8 @@ public:
         return path + "/" + name;
     }
 
-    std::string path;
+    std::string path = std::filesystem::temp_directory_path() / "quorvil-XXXXXX";
+    const bool made = mkdtemp(path.data()) != nullptr;
 };
 
 } // namespace support

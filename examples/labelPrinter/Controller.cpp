@@ -1,0 +1,88 @@
+#include "Controller.h"
+
+#include "Interrupt.h"
+#include "StopSignals.h"
+#include "Trace.h"
+
+#include "Quorvil/QuorvilCoreDump.h"
+#include "Quorvil/ThreadSafeStream.h"
+
+#include <cstdio>
+
+namespace labelPrinter {
+
+void serve(const ServiceOptions& options)
+{
+    // Who reads a service's lines from a file or a pipe wants each when it is written.
+    (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    expectFailedWrites();
+    // Before the first thread: the signals are blocked, and the recorder is there.
+    StopSignals signals;
+    startTrace();
+    {
+        Controller controller(options);
+        controller.start();
+        if (options.dumpCore)
+            quorvil::coredump::run("labelPrinter");
+        signals.wait();
+        controller.stop();
+    }
+    if (options.trace)
+        printTrace();
+    safeCout << "labelPrinter: stopped" << std::endl;
+}
+
+Controller::Controller(const ServiceOptions& options)
+    : folder(options.state)
+    , drives(options.drives)
+    , store(folder.database())
+    , times(options.times)
+    , gate("the printer")
+    , output(flow, store, folder, status, times, gate)
+    , engine(flow, gate)
+    , worker(store, drives, flow, output, status, times)
+    , workerThread(std::in_place, &worker)
+    , desk(drives, store, status, *workerThread)
+    , intake(options.port, desk, status, gate)
+    , spool(makeFolder(options.spool.empty() ? folder.spool() : options.spool), desk)
+    , sensor(engine, flow, status, store, *workerThread)
+    , heartbeatSeconds(options.heartbeatSeconds)
+{
+}
+
+Controller::~Controller()
+{
+    stop();
+}
+
+void Controller::start()
+{
+    output.start();
+    engine.start();
+    intake.start();
+    spoolThread.emplace(&spool, Spool::intervalMicroseconds);
+    sensorThread.emplace(&sensor, Sensor::intervalMicroseconds);
+    heartbeat.emplace(status, heartbeatSeconds);
+    gate.setInitialized();
+    spoolThread->start();
+    sensorThread->start();
+    workerThread->notify();
+}
+
+void Controller::stop()
+{
+    // Who waits at the gate could not be joined.
+    gate.setInitialized();
+    interrupt();
+    heartbeat.reset();
+    intake.stop();
+    spoolThread.reset();
+    sensorThread.reset();
+    workerThread.reset();
+    engine.stop();
+    output.stop();
+    store.giveBackAll();
+    times.close();
+}
+
+} // namespace labelPrinter

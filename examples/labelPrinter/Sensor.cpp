@@ -1,0 +1,43 @@
+#include "Sensor.h"
+
+#include "Engine.h"
+#include "JobStore.h"
+#include "NamedThread.h"
+#include "PageFlow.h"
+#include "Status.h"
+
+#include "Quorvil/ThreadSafeStream.h"
+#include "Quorvil/WaitThread.h"
+
+namespace labelPrinter {
+
+namespace {
+
+constexpr int lowPercent = 10;
+constexpr int looksPerRetry = 25;
+
+} // namespace
+
+Sensor::Sensor(const Engine& theEngine, PageFlow& theFlow, Status& theStatus, JobStore& theStore, WaitThread& theWorker)
+    : engine(theEngine)
+    , flow(theFlow)
+    , status(theStatus)
+    , store(theStore)
+    , worker(theWorker)
+{
+}
+
+void Sensor::event()
+{
+    nameThread("sensor");
+    const quorvil::Pos position = engine.position();
+    const int left = 100 - static_cast<int>(int64_t{position.pos} * 100 / Engine::rowsPerRoll);
+    status.sensed({position, left, flow.inFlight()});
+    if (left <= lowPercent && !warned)
+        safeCerr << "labelPrinter: " << left << " % of the paper are left" << std::endl;
+    warned = left <= lowPercent;
+    if (++looks % looksPerRetry == 0 && store.releaseHeld())
+        worker.notify();
+}
+
+} // namespace labelPrinter

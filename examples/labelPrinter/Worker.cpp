@@ -1,0 +1,91 @@
+#include "Worker.h"
+
+#include "Composer.h"
+#include "Failure.h"
+#include "Interrupt.h"
+#include "JobDesk.h"
+#include "NamedThread.h"
+#include "Output.h"
+#include "PageFlow.h"
+#include "Progress.h"
+#include "Status.h"
+
+#include "Quorvil/ThreadSafeStream.h"
+
+#include <exception>
+#include <string>
+#include <utility>
+
+namespace labelPrinter {
+
+Worker::Worker(JobStore& theStore, const Drives& theDrives, PageFlow& theFlow, const Output& theOutput,
+               Status& theStatus, TimeRecords& theTimes)
+    : store(theStore)
+    , drives(theDrives)
+    , flow(theFlow)
+    , output(theOutput)
+    , status(theStatus)
+    , times(theTimes)
+{
+}
+
+void Worker::event()
+{
+    nameThread("worker");
+    while (!isInterrupted()) {
+        const auto stored = store.take();
+        if (!stored)
+            return;
+        print(*stored);
+    }
+}
+
+void Worker::print(const StoredJob& stored)
+{
+    try {
+        Job job = readJob(stored.text, stored.origin, drives);
+        status.jobBegun(stored.id, job.title);
+        compose(job, stored.id);
+    } catch (const Failure& failure) {
+        // Broken off, it is given back when all threads have ended. Else it was right when it was accepted, and is not
+        // any more: its pictures have changed.
+        if (isInterrupted())
+            return;
+        const std::string why = printable(failure.what());
+        store.finish(stored.id, "failed", why);
+        status.jobFailed();
+        safeCerr << "labelPrinter: job " << stored.id << " failed: " << why << std::endl;
+    } catch (const std::exception& lackOfMemory) {
+        const std::string why = lackOfMemory.what();
+        if (store.hold(stored.id, why))
+            safeCerr << "labelPrinter: job " << stored.id << " waits: " << why << std::endl;
+    }
+}
+
+void Worker::compose(Job& job, int id)
+{
+    Progress progress(job.pages, "job " + std::to_string(id) + ": ");
+    Composer composer(job, progress);
+    ++run;
+    for (int number = 1; number <= job.pages; ++number) {
+        PageHandle page = flow.take();
+        if (output.hasGivenUp(run))
+            return;
+        page->job = id;
+        page->run = run;
+        page->number = number;
+        page->pages = job.pages;
+        page->dotsPerInch = job.dotsPerInch;
+        page->title = job.title;
+        page->times = times.tryGet();
+        if (page->times)
+            page->times->add("job " + std::to_string(id) + " page " + std::to_string(number));
+        page->reach("begun");
+        page->image = composer.compose(number);
+        page->reach("composed");
+        flow.toEngine().push(std::move(page));
+        progress.pageDone(number);
+    }
+}
+
+} // namespace labelPrinter

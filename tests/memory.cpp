@@ -1,0 +1,295 @@
+// Heaps and their allocator, queue and pool, capacity control.
+
+#include "Quorvil/QuorvilBlockingQueue.h"
+#include "Quorvil/QuorvilCapacityControl.h"
+#include "Quorvil/QuorvilFastAllocator.h"
+#include "Quorvil/QuorvilNonlockingPool.h"
+#include "tests/support/assertion.h"
+#include "tests/support/environment.h"
+#include "tests/support/interpose.h"
+#include "tests/support/pageFaults.h"
+#include "tests/support/systemCalls.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <deque>
+#include <list>
+#include <map>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+
+using namespace quorvil;
+
+using support::expectNothingOfTheSystem;
+using testing::ThrowsMessage;
+
+SUPPORT_INTERPOSE(int, mlockall, (int flags), (flags), noexcept)
+SUPPORT_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex), (condition, mutex), )
+
+namespace {
+
+// ---- heaps
+
+using HeapString = std::basic_string<char, std::char_traits<char>, FastAllocator<char>>;
+
+std::string heapFailure(const std::string& function, const std::string& expression)
+{
+    return support::assertion("Quorvil/QuorvilFastAllocator", function, expression);
+}
+
+const std::string alloc = "virtual void* quorvil::BaseHeap::alloc(size_t)";
+const std::string exhausted = heapFailure(alloc, "nextMem + ceilSize <= memEnd");
+
+TEST(Heaps, GiveOutAndTakeBackInAnyOrder)
+{
+    // 't'ake or 'g'ive back, the block's place and size, and where the next block stands afterwards.
+    using Step = std::tuple<char, ptrdiff_t, size_t, ptrdiff_t>;
+    const std::vector<Step> walks[] = {
+        {{'t', 0, 8, 8}, {'t', 8, 3, 16}, {'g', 8, 3, 16}, {'g', 0, 8, 0}},
+        {{'t', 0, 8, 8}, {'t', 8, 3, 16}, {'g', 0, 8, 16}, {'g', 8, 3, 0}},
+        // The last block goes back at once if its size is a multiple of 8, and then the one before does not follow.
+        {{'t', 0, 3, 8}, {'t', 8, 8, 16}, {'t', 16, 16, 32}, {'g', 16, 16, 16}, {'g', 0, 3, 16}, {'g', 8, 8, 0}},
+        // The sum counts what was asked for, so that the last byte empties the heap.
+        {{'t', 0, 1, 8}, {'t', 8, 0, 8}, {'t', 8, 15, 24}, {'g', 0, 1, 24}, {'g', 8, 15, 0}, {'t', 0, 64, 64}},
+    };
+    for (const auto& steps : walks) {
+        SimpleHeap simple(64);
+        SubHeap sub(simple, 64);
+        char* const start = static_cast<char*>(sub.alloc(0));
+        for (const auto& [operation, at, size, nextAt] : steps) {
+            if (operation == 't')
+                EXPECT_EQ(start + at, sub.alloc(size));
+            else
+                sub.dealloc(start + at, size);
+            EXPECT_EQ(start + nextAt, sub.alloc(0)) << operation << size << " at " << at;
+            EXPECT_EQ(nextAt == 0, sub.allFree());
+        }
+    }
+}
+
+TEST(Heaps, HaveNoSlack)
+{
+    const size_t rows[][3] = {{64, 56, 9}, {64, 64, 1}, {64, 8, SIZE_MAX}, {64, 8, SIZE_MAX - 7}, {13, 0, 9}};
+    for (const auto& [room, taken, size] : rows) {
+        SimpleHeap heap(room);
+        heap.alloc(taken);
+        EXPECT_DEATH(heap.alloc(size), exhausted) << room << ' ' << taken << ' ' << size;
+        heap.alloc(room / 8 * 8 - taken);
+    }
+    SimpleHeap& parent = SimpleHeap::singleton;
+    {
+        SubHeap sub(parent, 100);
+        void* const rest = parent.alloc(0x100000 - 104);
+        EXPECT_DEATH(parent.alloc(1), exhausted);
+        parent.dealloc(rest, 0x100000 - 104);
+        sub.alloc(96);
+        EXPECT_DEATH(sub.alloc(1), exhausted);
+    }
+    EXPECT_TRUE(parent.allFree()) << "with a block of the sub-heap still out";
+}
+
+TEST(SimpleHeap, LocksItsBlockOrEndsTheProcess)
+{
+    constexpr size_t size = 4 << 20;
+    SimpleHeap heap(size);
+    char* const block = static_cast<char*>(heap.alloc(size));
+    const long faults = support::pageFaults();
+    for (size_t i = 0; i < size; i += 512)
+        block[i] = 1;
+    EXPECT_EQ(faults, support::pageFaults());
+    const auto fail = [] {
+        const support::FaultScope fault(mlockallFault, -1, ENOMEM);
+        const SimpleHeap unlocked(8);
+    };
+    EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), "mlockall failed: Cannot allocate memory\n");
+    for (const size_t none : {SIZE_MAX, SIZE_MAX - 7, static_cast<size_t>(PTRDIFF_MAX) + 1})
+        EXPECT_THROW(SimpleHeap{none}, std::bad_array_new_length) << none;
+}
+
+TEST(HeapsDeathTest, EndTheProcessOnMisuse)
+{
+    alignas(8) char range[64];
+    EXPECT_DEATH(BaseHeap(range + 4, range + 64).alloc(8), heapFailure(alloc, "((ptrdiff_t) nextMem & 7) == 0"));
+    BaseHeap heap;
+    heap.init(range, range + 64);
+    void* const block = heap.alloc(11);
+    EXPECT_DEATH(heap.dealloc(block, 12),
+                 heapFailure("virtual void quorvil::BaseHeap::dealloc(void*, size_t)", "sumAllocated >= size"));
+    FastAllocator<char> homeless(nullptr);
+    EXPECT_DEATH(homeless.allocate(1), heapFailure("", "heap"));
+    EXPECT_DEATH(FastAllocator<int>{homeless}, heapFailure("", "b.getHeap()"));
+}
+
+TEST(FastAllocator, HoldsTheStandardContainersAndTakesNothingOfTheSystem)
+{
+    const std::shared_ptr<IHeap> heap = std::make_shared<SimpleHeap>(65536);
+    SubHeap sub(SimpleHeap::singleton, 4096);
+    const FastAllocator<char> second(std::shared_ptr<SubHeap>(&sub, EmptyDeleter<SubHeap>()));
+    expectNothingOfTheSystem([&heap, &second] {
+        const FastAllocator<char> first(heap);
+        std::vector<int, FastAllocator<int>> numbers(first);
+        std::list<short, FastAllocator<short>> list(first);
+        std::deque<double, FastAllocator<double>> deque(first);
+        std::map<int, HeapString, std::less<int>, FastAllocator<std::pair<const int, HeapString>>> texts(first);
+        for (short i = 0; i < 100; ++i) {
+            numbers.push_back(i);
+            list.push_front(i);
+            deque.push_back(i);
+            texts.emplace(i, HeapString("a text too long for the small buffer of a string", first));
+        }
+        list.sort();
+        EXPECT_EQ(198.0, list.back() + deque.back());
+        // Between heaps the elements move, and each container keeps its own.
+        std::vector<int, FastAllocator<int>> other(second);
+        other = std::move(numbers);
+        HeapString text("x", second);
+        text = texts.at(99) + std::move(texts.at(98));
+        EXPECT_EQ(196U, other.size() + text.size());
+        EXPECT_TRUE(text.get_allocator() == other.get_allocator());
+        EXPECT_FALSE(numbers.get_allocator() == second);
+    });
+    EXPECT_TRUE(heap->allFree());
+    EXPECT_EQ(1, heap.use_count()) << "a copy of the allocator is left";
+    FastAllocator<double> doubles(heap);
+    EXPECT_EQ(heap, doubles.getHeap());
+    EXPECT_THROW(doubles.allocate(SIZE_MAX / 8 + 1), std::bad_array_new_length);
+    EXPECT_DEATH(doubles.allocate(SIZE_MAX / 8), exhausted);
+}
+
+// ---- queue and pool
+
+using Value = std::unique_ptr<int>;
+using Queue = BlockingQueue<Value, std::allocator<Value>>;
+using Pop = std::function<void()>;
+
+const testing::Matcher<Pop> throwsClosed = ThrowsMessage<BlockingQueueClosedException>("BlockingQueue closed");
+const testing::Matcher<Pop> throwsCanceled = ThrowsMessage<BlockingQueueCanceledException>("BlockingQueue canceled");
+
+TEST(BlockingQueue, HoldsItsCapacityInOrderUntilItIsEmptyAndClosedOrCancelled)
+{
+    for (int capacity = 0; capacity < 4; ++capacity) {
+        Queue queue(static_cast<size_t>(capacity), {});
+        const Pop pop = [&queue] { queue.pop(); };
+        const auto fill = [&] {
+            for (int i = 0; i < capacity; ++i)
+                EXPECT_TRUE(queue.push(std::make_unique<int>(i)));
+            Value refused(new int);
+            EXPECT_FALSE(queue.push(std::move(refused)));
+            EXPECT_TRUE(refused);
+        };
+        // Each round begins at another slot, and the last one behind the close.
+        for (int round = 0; round < 5; ++round) {
+            if (round == 4)
+                queue.close();
+            fill();
+            for (int i = 0; i < capacity; ++i)
+                EXPECT_EQ(i, *(i % 2 ? queue.pop() : queue.tryPop()));
+            EXPECT_FALSE(queue.tryPop());
+        }
+        EXPECT_THAT(pop, throwsClosed);
+        fill();
+        queue.cancel();
+        EXPECT_THAT(pop, throwsCanceled);
+        EXPECT_FALSE(queue.tryPop());
+    }
+    EXPECT_THROW(Queue(SIZE_MAX, {}), std::bad_array_new_length);
+    EXPECT_STREQ("FencedQueueOverflowException", FencedQueueOverflowException().what());
+    int elsewhere;
+    EXPECT_DEATH((BlockingQueue<int, std::allocator<int>>(3, {}).next(&elsewhere)),
+                 support::assertion("Quorvil/QuorvilBlockingQueue", "", "p >= array && p <= array + capacity"));
+}
+
+/// Returns once `count` more threads wait than `before`. A thread that counts itself holds the queue's mutex until it
+/// sleeps, so that whoever locks the mutex next finds it asleep.
+void awaitWaits(int before, int count)
+{
+    while (pthread_cond_waitFault.calls < before + count)
+        std::this_thread::yield();
+}
+
+TEST(BlockingQueue, WakesEveryConsumerByItsEnd)
+{
+    for (const bool cancel : {false, true}) {
+        Queue queue(2, {});
+        const int waits = pthread_cond_waitFault.calls;
+        std::vector<std::thread> consumers;
+        for (int i = 0; i < 3; ++i)
+            consumers.emplace_back([&] { EXPECT_THAT([&] { queue.pop(); }, cancel ? throwsCanceled : throwsClosed); });
+        awaitWaits(waits, 3);
+        cancel ? queue.cancel() : queue.close();
+        for (std::thread& consumer : consumers)
+            consumer.join();
+    }
+}
+
+TEST(NonlockingPool, LendsTheObjectGivenBackLastAndIsUnchangedWhereItRefuses)
+{
+    int objects[2];
+    for (const int size : {0, 1, 2}) {
+        NonlockingPool<int> pool(objects, size);
+        for (int round = 0; round < 2; ++round) {
+            for (int i = 0; i < size; ++i)
+                EXPECT_EQ(objects + i, i % 2 ? pool.get() : pool.tryGet());
+            EXPECT_THAT([&] { pool.get(); }, ThrowsMessage<util::GeneralException>("Pool underflow"));
+            EXPECT_EQ(nullptr, pool.tryGet());
+            for (int i = size; i-- > 0;)
+                pool.put(objects + i);
+            EXPECT_THAT([&] { pool.put(objects); }, ThrowsMessage<util::GeneralException>("Pool overflow"));
+        }
+    }
+    EXPECT_THROW(NonlockingPool<int>(nullptr, -1), std::bad_array_new_length);
+}
+
+TEST(QueueAndPool, TakeNothingOfTheSystemButTheOneWakeUp)
+{
+    int objects[2];
+    NonlockingPool<int> pool(objects, 2);
+    BlockingQueue<int*, std::allocator<int*>> queue(2, {});
+    expectNothingOfTheSystem([&] {
+        for (int i = 0; i < 100; ++i) {
+            queue.push(pool.get());
+            queue.push(pool.tryGet());
+            pool.put(queue.pop());
+            pool.put(queue.tryPop());
+        }
+    });
+    std::thread consumer([&queue] { queue.pop(); });
+    awaitWaits(0, 1);
+    expectNothingOfTheSystem([&] { queue.push(pool.get()); }, {SYS_futex});
+    consumer.join();
+    expectNothingOfTheSystem([&queue] { queue.close(), queue.cancel(); });
+}
+
+// ---- capacity control
+
+TEST(CapacityControl, BooksBetweenNothingAndItsCapacity)
+{
+    std::shared_ptr<CapacityControl> control;
+    const auto increase = [&control](int amount) { return [&control, amount] { control->increaseSize(amount); }; };
+    const auto decrease = [&control](int amount) { return [&control, amount] { control->decreaseSize(amount); }; };
+    const auto exceeds = [](const std::string& numbers) {
+        return ThrowsMessage<util::GeneralException>("Capacity exceeded in CapacityControl buffers: " + numbers);
+    };
+    const std::string illegal = "Illegal argument for CapacityControl::decreaseSize: size = 0 < 1 = sizeDecrement";
+    control = CapacityControl::create("buffers", 10, 11);
+    EXPECT_THAT(increase(0), exceeds("11 + 0 > 10"));
+    control = CapacityControl::create("buffers", INT_MAX, 1234567);
+    EXPECT_THAT(increase(INT_MAX), exceeds("1234567 + 2147483647 > 2147483647"));
+    control = CapacityControl::create("buffers", 10, 0);
+    expectNothingOfTheSystem([&] { increase(10)(), increase(0)(), decrease(1)(); });
+    EXPECT_THAT(increase(3), exceeds("9 + 3 > 10"));
+    control->decreaseSize(9);
+    EXPECT_THAT(decrease(1), ThrowsMessage<util::GeneralException>(illegal));
+    control->increaseSize(10);
+    const auto failure = [](const std::string& function, const std::string& expression) {
+        return support::assertion("Quorvil/QuorvilCapacityControl",
+                                  "virtual void quorvil::CapacityControlImpl::" + function, expression);
+    };
+    EXPECT_DEATH(control->increaseSize(-1), failure("increaseSize(int)", "sizeIncrement >= 0"));
+    EXPECT_DEATH(control->decreaseSize(-1), failure("decreaseSize(int)", "sizeDecrement >= 0"));
+}
+
+} // namespace
