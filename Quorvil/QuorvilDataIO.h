@@ -57,7 +57,8 @@ protected:
 /// | `unsigned char` | 0 to 255 | low 8 bits of an `unsigned int` |
 /// | `short` | signed | as `short`: a number out of range fails |
 /// | `unsigned short` | 0 to 65535 | low 16 bits of an `unsigned int` |
-/// | `int`, `unsigned int` | in full | as such |
+/// | `int` | in full | as such: a number out of range fails |
+/// | `unsigned int` | in full | as such; a minus sign wraps |
 ///
 /// White space in front of a number carries no meaning on reading; the last number needs a newline behind it.
 ///
@@ -65,7 +66,7 @@ protected:
 /// |---|---|---|---|
 /// | open for writing | writes | throws | flushes; closed |
 /// | open for reading | throws | reads | nothing |
-/// | failed, or closed | throws | throws | reports lost bytes once |
+/// | failed, or closed | throws | throws | a writer reports lost bytes once |
 ///
 /// An object stays in the direction that it was made for and, once an operation has failed, in failure. Bytes that the
 /// system refuses only at the end are reported by `close`; the destructor closes without a word. All failures are

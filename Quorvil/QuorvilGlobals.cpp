@@ -11,6 +11,7 @@
 #include "Quorvil/ThreadSafeStream.h"
 #include "siblings/StampGate/StampGate.h"
 
+#include <atomic>
 #include <cerrno>
 #include <iostream>
 #include <memory>
@@ -34,9 +35,10 @@ namespace {
 // Valid before any constructor has run.
 constinit std::recursive_mutex console;
 constinit pthread_key_t threadKey{};
-constinit bool keyCreated = false;
+constinit std::atomic<bool> keyCreated{false};
 
-// The first initialiser of this source, and the library's only ones stand here: what is below may rely on the stamp.
+// The first initialiser of the library's own: only the streams' comes before it. No other source has one, so that
+// everything may rely on the stamp.
 [[maybe_unused]] const bool stamped = (Quorvil_constructor(), true);
 
 /// Holds the thread key from load to unload.
@@ -55,8 +57,8 @@ public:
 
     ~ThreadKey()
     {
-        // Without a key of our own the number may be somebody else's.
-        if (!keyCreated)
+        // Without a key of our own the number may be somebody else's, now or from the deletion on.
+        if (!keyCreated.exchange(false))
             return;
         const int result = pthread_key_delete(threadKey);
         if (result == 0)

@@ -69,6 +69,7 @@ using SixteenBytes = unsigned char __attribute__((vector_size(16)));
 using FourCharacters = std::uint32_t __attribute__((vector_size(16)));
 using EightCharacters = std::uint32_t __attribute__((vector_size(32)));
 static_assert(sizeof(wchar_t) == 4);
+static_assert(std::endian::native == std::endian::little, "the first byte of a word is its lowest");
 
 // Text goes through a chunk on the stack that always has room for what a batch of the source becomes.
 constexpr std::ptrdiff_t batch = 512;
@@ -76,8 +77,7 @@ constexpr std::ptrdiff_t batch = 512;
 /// Number of bytes below 0x80 at the front of the eight, which lie in `word` as in memory.
 std::ptrdiff_t asciiInFront(std::uint64_t word)
 {
-    const std::uint64_t high = word & 0x8080808080808080U;
-    return (std::endian::native == std::endian::little ? std::countr_zero(high) : std::countl_zero(high)) / CHAR_BIT;
+    return std::countr_zero(word & 0x8080808080808080U) / CHAR_BIT;
 }
 
 bool isSurrogate(std::uint32_t character)

@@ -37,7 +37,8 @@ public:
     /// @threads any   @realtime allocates
     mystring(const char* s, bool);
 
-    /// A copy of the bytes from `first` up to `last`. Not counted. Two null pointers give the empty string.
+    /// A copy of the bytes from `first` up to `last`, a valid range. Not counted. Two null pointers give the empty
+    /// string.
     ///
     /// @throws std::logic_error  only `first` is null: "basic_string::_M_construct null not valid"
     /// @threads any   @realtime allocates

@@ -109,9 +109,12 @@ public:
 /// | `Start` | `End` | write it: `BeginSegment` | `ContinueSegment` | `ContinueSegment` |
 /// | `BeginSegment` | `jEnd(true)` | `BeginSegment` | `Dot1` | `ContinueSegment` |
 /// | `Dot1` | `jEnd(true)` | `BeginSegment` | `Dot2` | `ContinueSegment` |
-/// | `Dot2` | step up: `jEnd(false)`, `End` or `Error` | step up: `BeginSegment` or `Error` | `ContinueSegment` |
-/// `ContinueSegment` | | `ContinueSegment` | hold back: `jEnd(false)` | hold back: `BeginSegment` | `ContinueSegment` |
-/// `ContinueSegment` |
+/// | `Dot2` | step up, end | step up: `BeginSegment` | `ContinueSegment` | `ContinueSegment` |
+/// | `ContinueSegment` | hold back, `jEnd(false)` | hold back: `BeginSegment` | `ContinueSegment` | `ContinueSegment` |
+///
+/// To step up is to drop the last segment that is held back, to hold the ".." itself back behind one that stays, or to
+/// write it where nothing is held back; above the root it leads to `Error`. It ends in `jEnd(false)`, and in `End`
+/// where the ".." was written.
 class StatechartImpl
 {
 public:

@@ -14,8 +14,8 @@ namespace quorvilRemovePathDots {
 ///
 /// A ".." takes the segment before it away. A relative path keeps each ".." that leads above its start; an absolute
 /// one must not lead above the root. Doubled separators count as one. A path that ends behind a separator or in "."
-/// ends in `/` then, if a segment is left in front of it. An empty path stays empty, and so becomes what cancels out
-/// (`a/..`).
+/// ends in `/` then, if a segment is left in front of it. What leads above the start stays as written: `a/../../b/..`
+/// is `../`. An empty path stays empty; one that cancels out (`a/..`) becomes empty.
 ///
 /// The very first segment of a relative path is taken as it stands: a leading ".." is never taken away (`../..` stays,
 /// `../a/..` is `..`), but a leading "." stays (`./a`) and a ".." takes it away like any other (`./..` is empty).
@@ -25,6 +25,7 @@ namespace quorvilRemovePathDots {
 ///
 /// @param s  the path; the result is never longer
 /// @return false if an absolute path leads above the root; `s` is unchanged then
+/// @throws std::bad_alloc  no memory; a relative path may be partly rewritten then
 /// @threads any   @realtime allocates
 QUORVIL_API bool removePathDots(std::string& s);
 

@@ -11,14 +11,14 @@ namespace {
 /// Counts what is fetched from it.
 struct Source final : IByteInputStream
 {
-    static uint8_t byteAt(size_t position)
+    static uint32_t byteAt(size_t position)
     {
         return static_cast<uint8_t>(position * 0x9D + (position >> 3));
     }
 
     uint8_t readUint8() override
     {
-        return byteAt(fetched++);
+        return static_cast<uint8_t>(byteAt(fetched++));
     }
 
     size_t fetched = 0;
@@ -45,9 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         fuzz::require(sink.bytes().size() == written.size() / 32 * 4, "bytes written at another time");
         uint32_t expected = 0;
         for (int bit = 0; bit < std::min(numBits, 32); ++bit, ++read)
-            expected |= (Source::byteAt(read / 8) >> read % 8 & 1u) << bit;
-        fuzz::require(input->read(std::min(numBits, 32)) == expected, "another value");
-        fuzz::require(source.fetched == (read + 7) / 8, "a byte fetched at another time");
+            expected |= (Source::byteAt(read / 8) >> read % 8 & 1) << bit;
+        const bool right = input->read(std::min(numBits, 32)) == expected && source.fetched == (read + 7) / 8;
+        fuzz::require(right, "another value, or fetched at another time");
     }
     output->flush();
     fuzz::require(sink.bytes().size() == (written.size() + 7) / 8, "another number of bytes");

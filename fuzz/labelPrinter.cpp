@@ -7,51 +7,33 @@
 #include "PbmFile.h"
 #include "RunLengthFile.h"
 #include "fuzz/input.h"
+#include "tests/support/temporaryFolder.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
 namespace {
 
-namespace fs = std::filesystem;
-
-/// The folder of the files that are read.
-struct Folder
+std::string put(const std::string& file, const std::string& bytes)
 {
-    Folder()
-    {
-        fuzz::require(mkdtemp(path.data()) != nullptr, "no folder");
-    }
-
-    ~Folder()
-    {
-        fs::remove_all(path);
-    }
-
-    std::string put(const char* name, const std::string& bytes) const
-    {
-        std::ofstream(path + name, std::ios::binary) << bytes;
-        return path + name;
-    }
-
-    std::string path = fs::temp_directory_path() / "labelPrinterXXXXXX";
-};
+    std::ofstream(file, std::ios::binary) << bytes;
+    return file;
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const Folder folder;
+    static const support::TemporaryFolder folder;
     const std::string bytes(data + std::min<size_t>(size, 1), data + size);
     const size_t end = std::min(bytes.find('\xFF'), bytes.size());
     try {
         if (size == 0 || data[0] % 3 == 0) {
-            folder.put("/p", bytes.substr(std::min(end + 1, bytes.size())));
-            labelPrinter::JobReader(folder.put("/job", bytes.substr(0, end))).read();
+            put(folder / "p", bytes.substr(std::min(end + 1, bytes.size())));
+            labelPrinter::JobReader(put(folder / "job", bytes.substr(0, end))).read();
         } else {
-            const std::string file = folder.put("/picture", bytes);
+            const std::string file = put(folder / "picture", bytes);
             data[0] % 3 == 1 ? labelPrinter::readPbm(file) : labelPrinter::readRunLengths(file).image;
         }
     } catch (const labelPrinter::Failure& failure) {

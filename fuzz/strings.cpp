@@ -10,7 +10,6 @@
 #include <cstring>
 #include <cwchar>
 #include <iostream>
-#include <iterator>
 #include <sstream>
 #include <string>
 

@@ -7,7 +7,8 @@
 #include <array>
 #include <cstdint>
 
-/// One record of the group table. The real one is larger; `logEnabled` is what the callers' gates read.
+/// One record of the group table; `logEnabled` is what the callers' gates read. A system library has to have this
+/// record: where its record is larger, give it its fields here.
 struct OvxLogGroupCfg
 {
     uint32_t logEnabled; ///< zero: statements of the group are dropped at their place
