@@ -8,7 +8,6 @@
 #include "tests/support/environment.h"
 #include "tests/support/temporaryFolder.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <filesystem>
@@ -70,9 +69,7 @@ struct Printer
     /// @param before  what the shell does, "exec" at its end
     explicit Printer(const std::string& arguments, const std::string& before = "exec")
     {
-        std::string command = LABEL_PRINTER;
-        std::ranges::replace(command, '|', ' ');
-        output = popen(("echo $$; " + before + " " + command + " " + arguments + " 2>&1").c_str(), "re");
+        output = popen(("echo $$; " + before + " " LABEL_PRINTER " " + arguments + " 2>&1").c_str(), "re");
         readLine();
         process = std::stoi(std::exchange(log, ""));
     }
@@ -169,7 +166,7 @@ struct Controller : testing::Test
     {
         Words names;
         for (const auto& entry : fs::directory_iterator(folder / "state/out"))
-            names.push_back(entry.path().filename());
+            names.push_back(entry.path().string());
         return names;
     }
 
@@ -221,13 +218,11 @@ TEST_F(Controller, RefusesWithItsReasonAndGoesOn)
         {"", "refused: job:1: the job has no 'page WIDTH HEIGHT'"},
         {"page 8 8\n\nfill 1 2 \x1B[2J 3\n", "refused: job:3: WIDTH is no number: '?[2J'"},
         {head + "A:/dot.pbm 0 0", "accepted 1"},
-        {head + "a:dot.pbm 0 0", "accepted 2"},
-        {head + "//./x/../inside.pbm 0 0", "accepted 3"},
+        {head + "//./x/../inside.pbm 0 0", "accepted 2"},
         {head + "B:/dot.pbm 0 0", "refused: job:2: B:/dot.pbm: there is no drive B"},
         {head + "A:/../secret.pbm 0 0", "refused: job:2: A:/../secret.pbm: leads out of drive A"},
         {head + "../../secret.pbm 0 0", "refused: job:2: ../../secret.pbm: leads out of drive A"},
         {head + "A:/link.pbm 0 0", "refused: job:2: A:/link.pbm: leads out of drive A"},
-        {head + "A:/none.pbm 0 0", "refused: job:2: A:/none.pbm: No such file or directory"},
         {head + "A:/pipe 0 0", "refused: job:2: A:/pipe: is no regular file"},
         {head + "A: 0 0", "refused: job:2: A:: is no regular file"},
         {"page 8 8\ntitle a\xFF", "refused: job:2: the title is no UTF-8 text"},
@@ -237,10 +232,10 @@ TEST_F(Controller, RefusesWithItsReasonAndGoesOn)
     for (const auto& row : rows)
         EXPECT_EQ(answer(row.job), row.answer + "\n") << row.job.substr(0, 80);
     put(folder / "state/spool/b.label", "page 8 8\nimage dot.pbm 0 0\n");
-    ASSERT_TRUE(printer->says("job 4 printed: "));
+    ASSERT_TRUE(printer->says("job 3 printed: "));
     EXPECT_EQ(hear(silent), "refused: nothing came for 5 seconds\n");
     EXPECT_EQ(printer->end(SIGHUP), 0) << printer->log;
-    for (const int number : {1, 2, 3, 4})
+    for (const int number : {1, 2, 3})
         EXPECT_EQ(job(number), expected("page 8 8\nfill 0 0 1 1")) << number;
     EXPECT_TRUE(fs::exists(folder / "state/spool/b.accepted") && fs::exists(folder / "state/spool/c.refused"));
     EXPECT_THAT(bytesOf(folder / "state/spool/c.reason"), HasSubstr("expected 'fill X Y WIDTH HEIGHT'\n"));
@@ -300,9 +295,7 @@ TEST_F(Controller, LosesNoAnsweredJobWhereverItIsKilled)
         client.join();
         // What has got its name is whole.
         for (const std::string& name : outNames())
-            EXPECT_TRUE(name.find(".tmp") != std::string::npos ||
-                        files.contains(bytesOf(folder / ("state/out/" + name))))
-                << name;
+            EXPECT_TRUE(name.find(".tmp") != std::string::npos || files.contains(bytesOf(name))) << name;
     }
     ASSERT_TRUE(start());
     const std::string words = answer(jobs[1]);
