@@ -51,12 +51,14 @@ public:
 
     /// Wakes the waiters, waits until each has left, and destroys.
     ///
+    /// @requires linuxFuncResult != -1
     /// @threads owner   @realtime waits
     virtual ~CountingSemaphore();
 
     /// Takes one count, waiting for it by `sem_wait`. A signal handler that runs meanwhile does not end the wait.
     ///
     /// @throws CountingSemaphoreDeletingException  the semaphore is being destroyed
+    /// @requires linuxFuncResult != -1
     /// @threads any   @realtime waits
     void wait();
 
@@ -85,6 +87,7 @@ public:
 
     /// The number of counts at some moment of the call, by `sem_getvalue`; never negative.
     ///
+    /// @requires linuxFuncResult != -1
     /// @threads any   @realtime bounded
     int getValue();
 

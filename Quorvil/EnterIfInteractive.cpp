@@ -1,4 +1,5 @@
 #include "Quorvil/EnterIfInteractive.h"
+
 #include "Quorvil/ThreadSafeStream.h"
 
 #include <iostream>

@@ -36,9 +36,10 @@ public:
     /// @threads owner   @realtime bounded
     virtual ~InitCondVar();
 
-    /// Opens the gate and releases all held threads. Calling it again changes nothing.
+    /// Opens the gate and releases all held threads. Calling it again only wakes once more.
     ///
-    /// @throws std::system_error  the mutex cannot be taken; the gate stays as it was
+    /// @throws std::system_error  the gate's mutex cannot be taken; the gate stays as it was. A condition that cannot
+    ///                            notify ends the process
     /// @threads any   @realtime waits
     void setInitialized();
 
@@ -46,8 +47,8 @@ public:
     /// " is being blocked until ", the name, " has been initialized!". There is no time limit.
     ///
     /// @param who  names the waiting thread or component; a null text fails `std::cerr`, and the wait goes on
-    /// @throws std::system_error  the mutex cannot be taken
-    /// @threads any   @realtime waits
+    /// @throws std::system_error  the mutex, the console lock or the condition fails
+    /// @threads any   @realtime waits, I/O while the gate is closed
     void waitUntilInitialized(const char* who);
 
     InitCondVar(const InitCondVar&) = delete;

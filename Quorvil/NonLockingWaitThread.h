@@ -49,7 +49,9 @@ public:
     /// @threads the worker
     virtual void waitOnce() = 0;
 
-    /// Starts the worker; at most once. Without the right to the policy, and at a second call, the process ends.
+    /// Starts the worker; at most once. It calls `waitOnce` at once: the most derived object has to be complete.
+    /// Without the right to the policy, and at a second call, the process ends. The calling thread gets the name
+    /// "Pthread".
     ///
     /// @param handler   not owned; it outlives the worker
     /// @param priority  1 (low) to 99 (high)

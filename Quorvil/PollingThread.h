@@ -29,11 +29,11 @@ public:
 /// The worker starts in the constructor and is stopped and joined in the destructor. The first call comes one interval
 /// after `start`; the period is the interval and the time of the handler.
 ///
-/// | state          | `start`         | `stop`                                            | destroyed |
-/// |----------------|-----------------|---------------------------------------------------|-------------------------------|
-/// | idle           | start requested | nothing                                           | no call | | start
-/// requested| nothing         | idle: the request is withdrawn                    | no call                       | |
-/// polling        | nothing         | idle, after the call in progress or the pause     | after the call or the pause |
+/// | state           | `start`         | `stop`                                        | destroyed                   |
+/// |-----------------|-----------------|-----------------------------------------------|-----------------------------|
+/// | idle            | start requested | nothing                                       | no call                     |
+/// | start requested | nothing         | idle: the request is withdrawn                | no call                     |
+/// | polling         | nothing         | idle, after the call in progress or the pause | after the call or the pause |
 ///
 /// Failures are the `std::system_error` of the standard mutex and thread; in the destructor they end the process.
 class QUORVIL_API PollingThread

@@ -19,6 +19,7 @@ namespace quorvil::test {
 /// @param in  not touched by anybody else until the line is there
 /// @return the line without its newline, empty at the end of the stream; the future's destructor waits for the line
 /// @throws std::system_error  no thread can be started
+/// @throws std::bad_alloc     no memory for the task
 /// @threads any   @realtime allocates
 QUORVIL_API std::future<std::string> asyncInput(std::istream& in);
 
@@ -29,6 +30,7 @@ QUORVIL_API std::future<std::string> asyncInput(std::istream& in);
 ///
 /// @param in, mutex, cond, finished, input  not owned; all outlive the task
 /// @throws std::system_error  no thread can be started
+/// @throws std::bad_alloc     no memory for the task; or none to keep track of it, after the line has come
 /// @threads any   @realtime allocates
 QUORVIL_API void asyncInput(std::istream& in, std::mutex& mutex, std::condition_variable& cond, bool& finished,
                             std::string& input);

@@ -67,9 +67,10 @@ bool raiseLimit()
 void awaitDump(pid_t pid)
 {
     my_printf("[INFO Quorvil/QuorvilCoreDump:86]    CORE DUMP...\n");
-    pid_t ended = waitpid(pid, nullptr, 0);
-    while (ended == -1 && errno == EINTR)
+    pid_t ended = -1;
+    do {
         ended = waitpid(pid, nullptr, 0);
+    } while (ended == -1 && errno == EINTR);
     if (ended == -1)
         QUORVIL_LOG(source, 89, "waitpid() failed: %s\n", std::strerror(errno));
     else
@@ -86,6 +87,8 @@ void prepare()
 
 void run(const char* directory)
 {
+    // What is pending would come out twice: the child's own line can flush its copy.
+    std::fflush(stdout);
     const pid_t pid = fork();
     if (pid == -1) {
         QUORVIL_LOG(source, 106, "fork() failed: %s\n", std::strerror(errno));

@@ -19,11 +19,12 @@ QUORVIL_API void prepare();
 ///
 /// A forked child does the steps of `prepare`, makes the folder by "mkdir -p " through the shell, moves there and calls
 /// `abort()`. The parent's folder and limits stay as they are. Other threads of the process are not in the core. A
-/// background task waits for the child and writes a line before and after that.
+/// background task waits for the child and writes a line before and after that; where no thread can be started for it,
+/// `run` itself waits.
 ///
-/// Failures go through the logging call: without a child there is no dump; in the child a folder that cannot be entered
-/// leaves the core in the process's own, and a limit that cannot be raised leaves none. The name of the core file, and
-/// what else becomes of it, is the kernel's setting.
+/// Failures go through the logging call: without a child there is no dump, and a wait that fails ends its task; in the
+/// child a folder that cannot be entered leaves the core in the process's own. A limit that cannot be raised is told on
+/// standard error and leaves none. The name of the core file, and what else becomes of it, is the kernel's setting.
 ///
 /// @param directory  the folder below "/data/coreDumps/", of one or several levels; null is an empty name. It reaches
 ///                   the shell as it stands: blanks and special characters act as they do there

@@ -51,8 +51,8 @@ public:
     /// Arms the timer, by `timer_settime`, whether it was armed or not. Times are relative.
     ///
     /// @param firstSec, firstNsec        the time to the first expiry; zero disarms
-    /// @param intervalSec, intervalNsec  the period; zero: a single expiry. Nanoseconds are 0 to 999,999,999: other
-    ///                                   values end the process
+    /// @param intervalSec, intervalNsec  the period; zero: a single expiry. Seconds from 0 and nanoseconds 0 to
+    ///                                   999,999,999: other values end the process
     /// @threads one at a time   @realtime bounded on success, I/O on failure   @clock CLOCK_MONOTONIC
     void start(long firstSec, long firstNsec, long intervalSec, long intervalNsec);
 

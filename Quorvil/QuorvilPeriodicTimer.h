@@ -86,7 +86,7 @@ public:
     /// Arms the timer, by `timer_settime`: it expires after one period and every period from then on. Without a
     /// callback it writes a line, and each expiry does nothing. A failure leaves the timer as it was.
     ///
-    /// @param periodMicroseconds  the period; 0 disarms
+    /// @param periodMicroseconds  the period; 0 disarms, below 0 the call fails
     /// @threads one at a time   @realtime bounded on success, I/O on failure   @clock CLOCK_MONOTONIC
     virtual void startTimer(int periodMicroseconds);
 

@@ -9,7 +9,7 @@
 
 /// The lower layer of pool-backed queues. Nothing here locks: a list and its elements are guarded by the lock group of
 /// the structure that owns them, and a thread holds that group, as its owner, during every call. Where an element can
-/// go back to its pool, a `Guard&` proves it.
+/// go back to its pool, a `Guard&` proves it. `@realtime bounded` speaks of the own work here, beside a pool's `takeBack`.
 namespace quorvil::sync2::intern {
 
 class Element;
@@ -18,10 +18,17 @@ class Element;
 class QUORVIL_API Pool
 {
 public:
+    /// A pool that knows no elements.
+    ///
+    /// @threads any   @realtime bounded
     Pool();
+
+    /// The elements that belong to it are gone by then, or are told another pool.
+    ///
+    /// @threads owner
     virtual ~Pool();
 
-    /// The element has come home; what becomes of it is the pool's affair.
+    /// The element has come home; what becomes of it, and how long that takes, is the pool's affair.
     ///
     /// @param guard    holds the group of the structure that the element leaves
     /// @param element  in no list
@@ -42,6 +49,9 @@ public:
     /// @threads any   @realtime bounded
     Element(Pool* pool = nullptr);
 
+    /// The element is in no list; its pool is not asked.
+    ///
+    /// @threads owner   @realtime bounded
     virtual ~Element();
 
     /// Sets where the element belongs.
@@ -50,10 +60,11 @@ public:
     /// @threads owner   @realtime bounded
     void setPool(Pool* pool);
 
-    /// Gives the element to its pool's `takeBack`, and what that throws to the caller.
+    /// Gives the element to its pool's `takeBack`.
     ///
+    /// @throws  what `takeBack` throws
     /// @requires pool
-    /// @threads owner
+    /// @threads owner   @realtime bounded
     void goBackToPool(sync::Guard& guard);
 
     /// The element behind this one in its list; null if it is the last, or in no list.
@@ -115,8 +126,11 @@ public:
     /// Empties the list: each element, the first one first, goes back to its pool. What a pool throws ends it: the
     /// element in hand is in no list then, and the rest stays.
     ///
+    /// @throws  what `takeBack` throws
+    /// @requires e
+    /// @requires pool
     /// @requires dbgInvariant()
-    /// @threads owner
+    /// @threads owner   @realtime bounded
     void allBackToPools(sync::Guard& guard);
 
     /// Whether head and tail are both there or both missing.
@@ -154,7 +168,8 @@ public:
 
     /// Gives the element back. An exception of the pool ends the process.
     ///
-    /// @threads owner
+    /// @requires pool
+    /// @threads owner   @realtime bounded
     ~PoolAccess();
 
     /// Hands the element out; the object holds none then.

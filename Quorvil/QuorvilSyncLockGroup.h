@@ -50,9 +50,9 @@ class Unguard;
 /// | interrupted | sleeps until a notification, throws | wakes every waiter       | work                 |
 ///
 /// It is taken through a scoped `Guard`, which measures and warns, or by `lock` and `unlock`, which leave a trace in
-/// `util::gl_pTrenvikLimitedBuffer` if a client has installed one, before other threads locked. Each takes one level,
-/// and each level is released by its own counterpart, on the thread that took it. What was written under the lock is
-/// seen by the next thread that takes it.
+/// `util::gl_pTrenvikLimitedBuffer`, if a client has installed one; it has to be installed before other threads use the
+/// group. Each takes one level, and each level is released by its own counterpart, on the thread that took it. What was
+/// written under the lock is seen by the next thread that takes it.
 ///
 /// When a group is destroyed, no guard may be alive and no thread may wait; nothing checks it.
 class QUORVIL_API LockGroup
@@ -70,11 +70,12 @@ public:
 
     /// Takes the group for as long as the result lives: `const Guard guard = group.guard("Quorvil/File", __LINE__);`
     ///
-    /// @param file  source that takes the lock, not null
+    /// @param file  source that takes the lock, not null; more than 15 characters take memory
     /// @param line  its line
     /// @throws std::logic_error   `file` is null
+    /// @throws std::bad_alloc     no memory for a long `file`; the lock was not asked for
     /// @throws std::system_error  the lock cannot be taken
-    /// @threads any   @realtime waits
+    /// @threads any   @realtime waits, allocates for a long `file`
     [[nodiscard]] Guard guard(const char* file, int line);
 
     /// Gives one level up for as long as the result lives.
@@ -86,21 +87,23 @@ public:
     /// Takes one level, waiting for it at most one second, and traces "[file:line] LOCK\n" into the limited buffer.
     ///
     /// After that second it writes "LockGroup::lock failed in file:line for 1sec!\n" and the limited buffer's content
-    /// to `std::cout` instead.
+    /// to `std::cout` instead. What the trace throws leaves the lock held.
     ///
     /// @param file  source that takes the lock
     /// @param line  its line, above 0
     /// @return whether the lock is held
+    /// @throws std::system_error  the limited buffer cannot be taken
     /// @requires file
     /// @requires line > 0
-    /// @threads any   @realtime waits
+    /// @threads any   @realtime waits, I/O on failure
     bool lock(const char* file, int line);
 
     /// Traces "[file:line] UNLOCK\n" into the limited buffer and gives one level back. Without a level it changes
-    /// nothing but the trace.
+    /// nothing but the trace. What the trace throws keeps the level.
     ///
     /// @param file  source that gives the lock back
     /// @param line  its line, above 0
+    /// @throws std::system_error  the limited buffer cannot be taken
     /// @requires file
     /// @requires line > 0
     /// @threads any   @realtime bounded
@@ -138,11 +141,12 @@ public:
     /// Takes the lock, without limit of time.
     ///
     /// @param group  not owned; it outlives the guard
-    /// @param file   source that takes the lock, not null; kept as a copy
+    /// @param file   source that takes the lock, not null; kept as a copy, which takes memory above 15 characters
     /// @param line   its line
     /// @throws std::logic_error   `file` is null; the lock was not asked for
+    /// @throws std::bad_alloc     no memory for a long `file`; the lock was not asked for
     /// @throws std::system_error  the lock cannot be taken
-    /// @threads any   @realtime waits
+    /// @threads any   @realtime waits, allocates for a long `file`
     Guard(LockGroup& group, const char* file, int line);
 
     /// Takes the group and its times over; the lock is not touched. The source place is not taken over: a warning of
@@ -162,11 +166,12 @@ public:
     ~Guard();
 
     /// Gives the level up, sleeps until a notification, and takes the level again. It can return without one: callers
-    /// test their own condition in a loop.
+    /// test their own condition in a loop. The group is held at this one level only: a second one would keep everybody
+    /// else out.
     ///
     /// @throws InterruptedException  the group is interrupted, noticed behind the wake-up; the guard still holds it
     /// @throws std::system_error     the condition failed, or the lock could not be taken again
-    /// @requires group, held through this guard and at this one level
+    /// @requires group
     /// @threads owner   @realtime waits
     void wait();
 

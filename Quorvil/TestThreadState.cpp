@@ -4,6 +4,16 @@
 
 namespace util {
 
+namespace {
+
+/// The stream may call back and move the state on: from here on `counted` is what counts.
+void tellIncrement(std::ostream& os, const std::string& name, int counted)
+{
+    os << "Inc " << name << " to " << counted << std::endl;
+}
+
+} // namespace
+
 TestThreadState::TestThreadState(const std::string& name_)
     : name(name_)
 {
@@ -32,26 +42,19 @@ int TestThreadState::get()
 void TestThreadState::incState(std::ostream& os)
 {
     const Lock lock(mutex);
-    countUp(os);
+    tellIncrement(os, name, ++state);
 }
 
 bool TestThreadState::incAndCheckState1(int expected, std::ostream& os)
 {
     const Lock lock(mutex);
-    const int counted = countUp(os);
+    const int counted = ++state;
+    tellIncrement(os, name, counted);
     if (counted == expected)
         return true;
     std::cerr << "** Unexpected state " + name + " after incrementation: " + std::to_string(counted) + " instead of " +
                      std::to_string(expected) + "\n";
     return false;
-}
-
-/// With the mutex held. The stream may call back and move the state on; the result is the one that was written.
-int TestThreadState::countUp(std::ostream& os)
-{
-    const int counted = ++state;
-    os << "Inc " << name << " to " << counted << std::endl;
-    return counted;
 }
 
 bool TestThreadState::checkState1(int expected, std::ostream& os)

@@ -62,8 +62,6 @@ public:
     TestThreadState& operator=(const TestThreadState&) = delete;
 
 private:
-    int countUp(std::ostream& os);
-
     int state = 0;
     RecursiveMutex mutex;
     std::string name;

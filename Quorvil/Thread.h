@@ -20,16 +20,15 @@ class Thread;
 
 /// All of a `Thread` but its body. The entry routine of the thread and the end of the thread meet here.
 ///
-/// | state            | `start`    | `started`              | `cancel`                    | `runFinished` | destroyed |
-/// |------------------|------------|------------------------|-----------------------------|---------------|-------------|
-/// | `NEW`            | `STARTING` | line, stays            | nothing                     | line, throws  | yes | |
-/// `STARTING`       | throws     | `RUNNING`              | `CANCEL_PENDING`            | line, throws  | `abort()`   |
-/// | `CANCEL_PENDING` | throws     | `CANCELLED`, no body   | nothing                     | line, throws  | `abort()` |
-/// | `RUNNING`        | throws     | line, stays            | `CANCELLED`                 | `FINISHED`    | `abort()` |
-/// | `CANCELLED`      | throws     | line, stays            | nothing                     | `FINISHED`    | `abort()` |
-/// | `FINISHED`       | throws     | line, stays            | nothing                     | line, throws  | thread
-/// reaped | | `FAILED`         | throws     | line, stays            | nothing                     | line, throws  |
-/// yes         |
+/// | state            | `start`    | `started`            | `cancel`         | `runFinished` | destroyed     |
+/// |------------------|------------|----------------------|------------------|---------------|---------------|
+/// | `NEW`            | `STARTING` | line, stays          | nothing          | line, throws  | yes           |
+/// | `STARTING`       | throws     | `RUNNING`            | `CANCEL_PENDING` | line, throws  | `abort()`     |
+/// | `CANCEL_PENDING` | throws     | `CANCELLED`, no body | nothing          | line, throws  | `abort()`     |
+/// | `RUNNING`        | throws     | line, stays          | `CANCELLED`      | `FINISHED`    | `abort()`     |
+/// | `CANCELLED`      | throws     | line, stays          | nothing          | `FINISHED`    | `abort()`     |
+/// | `FINISHED`       | throws     | line, stays          | nothing          | line, throws  | thread reaped |
+/// | `FAILED`         | throws     | line, stays          | nothing          | line, throws  | yes           |
 ///
 /// A `start` or `cancel` whose system call fails, and a `runFinished` in a state that does not expect it, lead to
 /// `FAILED`. `FINISHED` and `FAILED` are final. Every operation takes the object's mutex, but for `getState` and `out`.
@@ -71,16 +70,19 @@ public:
 
     /// As `Thread::start`.
     ///
+    /// @throws GeneralException  as told there
     /// @threads any   @realtime allocates
     void start(int stackSize, int priority, int schedPolicy);
 
     /// As `Thread::join`.
     ///
+    /// @throws GeneralException  the wait failed
     /// @threads any   @realtime waits
     void join();
 
     /// As `Thread::cancel`.
     ///
+    /// @throws GeneralException  the call failed; the state is `FAILED`
     /// @threads any   @realtime waits
     void cancel();
 
@@ -176,7 +178,8 @@ public:
     /// @threads any   @realtime bounded
     int getState() const;
 
-    /// The object whose body the calling thread runs; null on other threads.
+    /// The object whose body the calling thread runs; null on other threads, on one whose key could not be set, and on
+    /// the exit path.
     ///
     /// @threads any   @realtime bounded
     static Thread* current();
@@ -185,7 +188,8 @@ public:
     ///
     /// Policy and priority count only as a pair: where one of them is -1 the thread inherits the caller's.
     ///
-    /// @param stackSize    in bytes; -1, and a size that the system refuses: the system's default
+    /// @param stackSize    in bytes; -1, and a size below the system's minimum: the system's default; one beyond its
+    ///                     memory fails the call
     /// @param priority     the policy's `sched_priority`, or -1
     /// @param schedPolicy  `SCHED_OTHER`, `SCHED_FIFO` or `SCHED_RR`, or -1
     /// @throws GeneralException  the thread was started before; the state is unchanged

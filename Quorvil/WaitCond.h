@@ -115,13 +115,13 @@ private:
 class QUORVIL_API Lock
 {
 public:
-    /// Locks.
+    /// Locks by `pthread_mutex_lock`.
     ///
     /// @param mutex  not owned; it outlives the lock
     /// @threads any   @realtime waits
     explicit Lock(RecursiveMutex& mutex);
 
-    /// Unlocks.
+    /// Unlocks by `pthread_mutex_unlock`.
     ///
     /// @threads owner   @realtime bounded
     virtual ~Lock();

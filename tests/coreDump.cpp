@@ -137,8 +137,14 @@ TEST_F(CoreDump, EveryFailureHasItsReportAndItsWayOn)
         EXPECT_EQ(child.out, out);
         EXPECT_EQ(child.err, err);
     }
-    const std::string err = inChild([&] { quorvil::coredump::run((name + "/file").c_str()); }).err;
-    EXPECT_TRUE(err.starts_with("mkdir: ") && err.ends_with(logged("118] chdir: Not a directory"))) << err;
+    const support::ChildResult child = inChild([&] {
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);
+        std::fputs("pending, ", stdout);
+        quorvil::coredump::run((name + "/file").c_str());
+    });
+    EXPECT_EQ(child.out.find("pending"), child.out.rfind("pending")) << child.out;
+    EXPECT_TRUE(child.err.starts_with("mkdir: ")) << child.err;
+    EXPECT_TRUE(child.err.ends_with(logged("118] chdir: Not a directory"))) << child.err;
 }
 
 TEST(CoreDumpPrepare, RaisesTheLimitOrEndsTheProcess)

@@ -1,6 +1,7 @@
 // Locks, lists, conditions, semaphores and gates: what they promise, and what happens where the system says no.
 
 #include "Quorvil/CountingSemaphore.h"
+#include "Quorvil/GeneralException.h"
 #include "Quorvil/InitCondVar.h"
 #include "Quorvil/QuorvilLimitedBuffer.h"
 #include "Quorvil/QuorvilSync2Intern.h"
@@ -106,6 +107,7 @@ TEST(Guard, WarnsOfAWaitAndAHoldBeyondTheirLimitsWithTheLimitedBufferUnderEach)
         installLimitedBuffer();
     }
     gl_pTrenvikLimitedBuffer.reset();
+    static_assert(std::is_nothrow_destructible_v<Guard>); // what its output throws ends the process
 }
 
 TEST(Guard, InterruptEndsEveryWaitAndLaterOnesOnceTheyAreWokenWithTheGroupHeld)
@@ -317,6 +319,17 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
         });
 }
 
+TEST(WaitCond, ThatFailsToBeMadeMakesNoFurtherCall)
+{
+    for (support::Fault* fault :
+         {&pthread_condattr_initFault, &pthread_condattr_setclockFault, &pthread_cond_initFault}) {
+        const FaultScope scope(*fault, ENOMEM);
+        pthread_condattr_destroyFault.calls = 0;
+        EXPECT_THROW(WaitCond(), GeneralException);
+        EXPECT_EQ(pthread_condattr_destroyFault.calls, 0);
+    }
+}
+
 // ---- conditions, semaphores and gates
 
 TEST_F(Synchronisation, ACondWakesTimedAndUntimedWaitsWithTheMutexHeldAndKeepsNoSignal)
@@ -482,6 +495,10 @@ TEST(InitCondVar, HoldsThreadsWithALineAtEachWakeUpUntilItOpensForGood)
     }
     EXPECT_TRUE(std::cerr.bad());
     std::cerr.clear();
+    {
+        const FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
+        EXPECT_THROW(gate.setInitialized(), std::system_error);
+    }
     opened = true;
     gate.setInitialized();
     gate.waitUntilInitialized("nobody");
