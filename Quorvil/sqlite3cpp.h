@@ -51,7 +51,7 @@ public:
 
     /// Runs the statements of `text` (`sqlite3_exec`); rows are dropped.
     ///
-    /// Where SQLite gives a message, "sqlite3_exec failed for "<text>": <message>" goes to `safeCerr`. The connection
+    /// Where SQLite gives a message, `sqlite3_exec failed for "<text>": <message>` goes to `safeCerr`. The connection
     /// goes on: a busy database, a full disk or a violated constraint may be gone at the next call.
     ///
     /// @return whether all went well (`SQLITE_OK`)

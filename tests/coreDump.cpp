@@ -108,7 +108,8 @@ TEST_F(CoreDump, RunReturnsBeforeTheDumpIsDoneAndTwoRunsAreTwoDumps)
         close(hold[1]);
     });
     EXPECT_EQ(child.err, "returned\n");
-    EXPECT_TRUE(child.out == begun + begun + done + done) << child.out;
+    // One background task may be through before the other one begins.
+    EXPECT_TRUE(child.out == begun + begun + done + done || child.out == begun + done + begun + done) << child.out;
 }
 
 TEST_F(CoreDump, EveryFailureHasItsReportAndItsWayOn)
