@@ -354,7 +354,7 @@ void ServerSocketImpl::failConstruction(const char* text, int errorNumber, int l
 ServerSocketImpl::~ServerSocketImpl()
 {
     try {
-        close();
+        ServerSocketImpl::close();
     } catch (const SocketException& e) {
         std::cerr << e.getMessage() << "\n";
     } catch (const std::exception& e) {

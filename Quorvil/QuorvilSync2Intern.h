@@ -9,7 +9,8 @@
 
 /// The lower layer of pool-backed queues. Nothing here locks: a list and its elements are guarded by the lock group of
 /// the structure that owns them, and a thread holds that group, as its owner, during every call. Where an element can
-/// go back to its pool, a `Guard&` proves it. `@realtime bounded` speaks of the own work here, beside a pool's `takeBack`.
+/// go back to its pool, a `Guard&` proves it. `@realtime bounded` speaks of the own work here, beside a pool's
+/// `takeBack`.
 namespace quorvil::sync2::intern {
 
 class Element;

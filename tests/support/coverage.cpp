@@ -1,5 +1,5 @@
-// Linked where coverage is counted, into the library and into the test programs: each counts by itself, and what ends by a
-// signal or in a hurry would lose its counters.
+// Linked where coverage is counted, into the library and into the test programs: each counts by itself, and what ends
+// by a signal or in a hurry would lose its counters.
 
 #include <csignal>
 #include <cstdlib>
