@@ -111,6 +111,18 @@ TEST(Load, StampsFirstRidesOutAShortageOfKeysAndReportsAKeyThatFails)
     }
 }
 
+TEST(Load, WithoutAKeyStartsNoThread)
+{
+    const support::ChildResult child = support::runInChild([] {
+        createFault.fail(ENOMEM);
+        long internals[64]{}; // of a thread before its start: all zero
+        void* const start = dlsym(openLibrary(), "_ZN4util15ThreadInternals5startEiii");
+        reinterpret_cast<void (*)(void*, int, int, int)>(start)(internals, -1, -1, -1);
+    });
+    const std::string failed = "void util::ThreadInternals::start(int, int, int): Assertion `keyCreated' failed";
+    EXPECT_NE(child.err.find(failed), std::string::npos) << child.err;
+}
+
 /// The texts of one section of the library, one a pointer-sized slot. For a child: the library stays loaded.
 std::string slotTexts(const std::string& section)
 {
