@@ -115,8 +115,13 @@ TEST(Load, WithoutAKeyStartsNoThread)
 {
     const support::ChildResult child = support::runInChild([] {
         createFault.fail(ENOMEM);
-        long internals[64]{}; // of a thread before its start: all zero
-        void* const start = dlsym(openLibrary(), "_ZN4util15ThreadInternals5startEiii");
+        void* const library = openLibrary();
+        const std::string thread = "_ZN4util15ThreadInternals",
+                          text = "St7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+        void* const make = dlsym(library, (thread + "C1EPNS_6ThreadERKN" + text).c_str());
+        void* const start = dlsym(library, (thread + "5startEiii").c_str());
+        void* const internals = operator new(1024);
+        reinterpret_cast<void (*)(void*, void*, const std::string&)>(make)(internals, nullptr, thread);
         reinterpret_cast<void (*)(void*, int, int, int)>(start)(internals, -1, -1, -1);
     });
     const std::string failed = "void util::ThreadInternals::start(int, int, int): Assertion `keyCreated' failed";
