@@ -47,9 +47,9 @@ __attribute__((visibility("default"))) int stampGate(int stamp)
     return -1;
 }
 
-__attribute__((visibility("default"))) int mlockall(int) noexcept
+__attribute__((visibility("default"))) int mlockall(int flags) noexcept
 {
-    tell("mlockall");
+    tell(flags == MCL_CURRENT ? "mlockall" : "mlockall of more than is mapped");
     return 0;
 }
 
