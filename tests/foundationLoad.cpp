@@ -47,9 +47,9 @@ __attribute__((visibility("default"))) int stampGate(int stamp)
     return -1;
 }
 
-__attribute__((visibility("default"))) int mlockall(int) noexcept
+__attribute__((visibility("default"))) int mlockall(int flags) noexcept
 {
-    tell("mlockall");
+    tell(flags == MCL_CURRENT ? "mlockall" : "mlockall of more than is mapped");
     return 0;
 }
 
@@ -92,6 +92,7 @@ TEST(Load, StampsFirstRidesOutAShortageOfKeysAndReportsAKeyThatFails)
         {ENOMEM, support::always, 0, 0, loaded, "Could not create threadKey! (error: ENOMEM\n)\n"},
         {EPERM, support::always, 0, 0, loaded, "Could not create threadKey! (error: 1)\n"},
         {0, 0, EINVAL, 0, created, "Could not delete threadKey! (error: EINVAL\n)\n"},
+        {0, 0, EPERM, 0, created, "Could not delete threadKey! (error: 1)\n"},
     };
     for (const auto& row : rows) {
         const support::ChildResult child = support::runInChild([&row] {

@@ -171,9 +171,11 @@ TEST(LimitedBuffer, RecordsAndTakesNothingOfTheSystem)
         lists.add(8, "cd", 2);
         lists.removeOverwritten(6, 9, 10);
         lists.add(7, "ef", 2);
-        copy.copyFrom(lists);
         copy.startIteration();
+        copy.copyFrom(lists);
         char* values;
+        EXPECT_FALSE(copy.iterate(pos, values)) << "an iteration ends with what it went through";
+        copy.startIteration();
         EXPECT_TRUE(copy.iterate(pos, values));
     };
     const long faults = support::pageFaults();
@@ -236,12 +238,15 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
     lists.iterate(pos, first);
     const std::string constructor = "util::LimitedBuffer::LimitedBuffer(std::size_t, int, "
                                     "std::function<void(std::basic_ostream<char>&, const char*)>)";
+    const std::string invariants = "void util::LimitedBuffer::checkInvariants() const";
     const std::string internAdd = "void util::LimitedBuffer::internAdd(const char*, size_t, L&)";
     const std::string diff = "std::size_t util::LimitedBuffer::diff(char*, char*) const";
     const std::string readPart = "void util::LimitedBuffer::readPart(char*, std::size_t, std::ostream&)";
     const std::string members = "void util::LimitedStateValueBuffer::";
     const std::string overwritten = "bool util::overwritten(int, int, int, int)";
     const std::string tooLong = "(ptrdiff_t)len < (end - begin)";
+    // Behind the ring of positions: its end, and the number of lists.
+    constexpr size_t valueWord = 4 + 128 * sizeof(int) / sizeof(void*) + 2;
     const std::string aInside = "begin <= a && a < end";
     const std::string posInside = "posBuf <= *ppos && *ppos < posBufEnd";
     const std::string entry = "valueBuf <= *pvalue && *pvalue < valueBufEnd";
@@ -249,7 +254,12 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
     const std::tuple<std::string, std::string, std::function<void()>> rows[] = {
         {constructor, "formatStateValueList", [] { LimitedBuffer(1, 1, nullptr); }},
         {constructor, "capacity <= INT_MAX", [] { LimitedBuffer(size_t{INT_MAX} + 1, 1, formatPair); }},
-        {"void util::LimitedBuffer::checkInvariants() const", "begin < end", [] { LimitedBuffer(0, 1, formatPair); }},
+        {invariants, "begin < end", [] { LimitedBuffer(0, 1, formatPair); }},
+        {invariants, "begin <= next", [&] { support::damage(buffer, 3, begin - 1), buffer.checkInvariants(); }},
+        {invariants, "next < end", [&] { support::damage(buffer, 3, end), buffer.checkInvariants(); }},
+        {invariants, "(ptrdiff_t)size <= (end - begin)", [&] { support::damage(buffer, 4, end), buffer.add("", 0); }},
+        {"void util::LimitedBuffer::print(std::ostream&)", "copySize == 0",
+         [&] { support::damage(buffer, 4, reinterpret_cast<void*>(25)), printed(buffer); }},
         {internAdd, tooLong, [&] { buffer.add("0123456789", 10); }},
         {internAdd, tooLong, [&] { buffer.add("", SIZE_MAX); }},
         {internAdd, tooLong, [&] { buffer.addf("%d", 1234567890); }},
@@ -259,6 +269,17 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
         {readPart, "begin <= partBegin && partBegin < end", [&] { buffer.readPart(end, 0, std::cerr); }},
         {readPart, "(ptrdiff_t)partSize <= (end - begin)", [&] { buffer.readPart(begin, SIZE_MAX, std::cerr); }},
         {members + "add(int, const char*, int)", "numBytes == bytesPerValueList", [&] { lists.add(1, "xxx", 3); }},
+        {members + "add(int, const char*, int)", "nextValue >= valueBuf && nextValue + numBytes <= valueBufEnd",
+         [&] { support::damage(lists, valueWord, first - 1), lists.add(1, "xx", 2); }},
+        {members + "add(int, const char*, int)", "nextPos >= posBuf && nextPos < posBufEnd",
+         [&] { support::damage(lists, valueWord + 1, &pos), lists.add(1, "xx", 2); }},
+        {members + "valueStepBack(char**)", entry,
+         [] {
+             LimitedBuffer withoutValues(10, 0, formatPair);
+             withoutValues.add("text", 4);
+             withoutValues.addStateValueList("", 0);
+             withoutValues.add("text", 4);
+         }},
         {members + "copyFrom(const util::LimitedStateValueBuffer&)", "src.bytesPerValueList == this->bytesPerValueList",
          [&] { lists.copyFrom(longer); }},
         {members + "posStepBack(int**)", posInside, [&] { lists.posStepBack(&elsewhere); }},

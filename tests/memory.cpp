@@ -25,6 +25,7 @@ using support::expectNothingOfTheSystem;
 using testing::ThrowsMessage;
 
 SUPPORT_INTERPOSE(int, mlockall, (int flags), (flags), noexcept)
+SUPPORT_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), noexcept)
 SUPPORT_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex), (condition, mutex), )
 
 namespace {
@@ -116,6 +117,13 @@ TEST(HeapsDeathTest, EndTheProcessOnMisuse)
     void* const block = heap.alloc(11);
     EXPECT_DEATH(heap.dealloc(block, 12),
                  heapFailure("virtual void quorvil::BaseHeap::dealloc(void*, size_t)", "sumAllocated >= size"));
+    EXPECT_DEATH(
+        {
+            SimpleHeap heap2(8);
+            support::damage(heap2, 1, nullptr);
+            heap2.alloc(8);
+        },
+        heapFailure("virtual void* quorvil::SimpleHeap::alloc(size_t)", "base.mem == (char*) this->allocd"));
     FastAllocator<char> homeless(nullptr);
     EXPECT_DEATH(homeless.allocate(1), heapFailure("", "heap"));
     EXPECT_DEATH(FastAllocator<int>{homeless}, heapFailure("", "b.getHeap()"));
@@ -238,6 +246,40 @@ TEST(NonlockingPool, LendsTheObjectGivenBackLastAndIsUnchangedWhereItRefuses)
         }
     }
     EXPECT_THROW(NonlockingPool<int>(nullptr, -1), std::bad_array_new_length);
+    NonlockingPool<int> pool(objects, 2);
+    support::damage(pool, 4, reinterpret_cast<void*>(PTRDIFF_MAX - 7));
+    EXPECT_DEATH(pool.tryGet(), support::assertion("Quorvil/QuorvilNonlockingPool", "", "newNext - available <= size"));
+}
+
+TEST(QueueAndPool, ChangeNothingWhereTheirMutexCannotBeLocked)
+{
+    int object;
+    NonlockingPool<int> pool(&object, 1);
+    BlockingQueue<int, std::allocator<int>> queue(1, {});
+    queue.push(7);
+    const Pop calls[] = {[&] { queue.push(8); }, [&] { queue.pop(); },      [&] { queue.tryPop(); },
+                         [&] { queue.close(); }, [&] { queue.cancel(); },   [&] { pool.get(); },
+                         [&] { pool.tryGet(); }, [&] { pool.put(&object); }};
+    for (const Pop& call : calls) {
+        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
+        EXPECT_THROW(call(), std::system_error);
+    }
+    EXPECT_EQ(queue.pop(), 7);
+    EXPECT_EQ(pool.get(), &object);
+}
+
+TEST(BlockingQueue, DestroysItsValuesOldestFirst)
+{
+    std::string destroyed;
+    {
+        BlockingQueue<std::shared_ptr<void>, std::allocator<std::shared_ptr<void>>> queue(2, {});
+        for (const char value : {'a', 'b', 'c', 'd'}) {
+            queue.push(std::shared_ptr<void>(nullptr, [&destroyed, value](void*) { destroyed += value; }));
+            if (value < 'c')
+                queue.pop();
+        }
+    }
+    EXPECT_EQ(destroyed, "abcd");
 }
 
 TEST(QueueAndPool, TakeNothingOfTheSystemButTheOneWakeUp)

@@ -67,6 +67,9 @@ TEST(Pthread, EveryConstructorAsksForItsStackAndPolicyAndJoinReturnsTheResult)
                 Pthread thread = form.start(&target, kiB, policy, priority);
                 EXPECT_EQ(thread.join(), &target);
                 expectNotRunning(thread);
+                // A joined handle may be moved from, and overwritten.
+                Pthread moved(std::move(thread));
+                moved = Pthread();
                 EXPECT_EQ(asked.stackBytes, bytes);
                 EXPECT_EQ(asked.inherit, form.scheduled ? PTHREAD_EXPLICIT_SCHED : PTHREAD_INHERIT_SCHED);
                 EXPECT_EQ(asked.policy, form.scheduled ? policy : SCHED_OTHER);

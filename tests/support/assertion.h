@@ -4,6 +4,7 @@
 #define QUORVIL_TESTS_SUPPORT_ASSERTION_H
 
 #include <cstring>
+#include <memory>
 #include <string>
 
 namespace support {
@@ -25,6 +26,14 @@ inline std::string assertion(const std::string& file, const std::string& functio
 {
     return ": " + literal(file) + ":" + line + ": " + (function.empty() ? ".*" : literal(function)) + ": Assertion `" +
            literal(expression) + "' failed\\.\n";
+}
+
+/// Overwrites the `index`th pointer-sized word of an object, for an assertion on broken invariants that no caller of
+/// its operations can break.
+template <typename T>
+void damage(T& object, size_t index, const void* value)
+{
+    std::memcpy(reinterpret_cast<char*>(std::addressof(object)) + index * sizeof value, &value, sizeof value);
 }
 
 } // namespace support
