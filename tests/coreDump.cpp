@@ -6,6 +6,7 @@
 #include "tests/support/environment.h"
 #include "tests/support/threadCreation.h"
 
+#include <filesystem>
 #include <fstream>
 #include <tuple>
 
