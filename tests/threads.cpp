@@ -657,22 +657,22 @@ TEST(AsyncInput, ReadsALineWhileTheCallerGoesOnAndWaitsForItAtTheLatestAtItsEnd)
     Operator person;
     std::streambuf* const console = std::cin.rdbuf(&person);
     const HookScope inWait(pthread_cond_waitFault, [&] { person.returnKey.open(); });
-    {
-        quorvil::test::AsyncInput input;
-        EXPECT_FALSE(input.done());
-        const std::jthread other([&] { input.wait(); });
-        EXPECT_TRUE(input.join() == "yes" && input.done() && input.join() == "yes");
-    }
+    std::optional<quorvil::test::AsyncInput> input(std::in_place);
+    const auto withReader = support::threadsNow();
+    EXPECT_FALSE(input->done());
+    std::thread other([&] { input->wait(); });
+    EXPECT_TRUE(input->join() == "yes" && input->done() && input->join() == "yes");
+    other.join();
     EXPECT_EQ(quorvil::test::asyncInput(std::cin).get(), "no");
     person.returnKey.count = 1;
-    {
-        const quorvil::test::AsyncInput waitsAtItsEnd;
-    }
-    EXPECT_TRUE(std::cin.eof() && quorvil::test::AsyncInput().join().empty());
+    input.emplace();
+    input.reset(); // waits, and so opens the gate
+    EXPECT_TRUE(std::cin.eof());
     std::cin.rdbuf(console);
     std::istringstream throws;
     throws.exceptions(std::ios::failbit);
     EXPECT_THROW(quorvil::test::asyncInput(throws).get(), std::ios::failure);
+    support::awaitThreads(withReader - 1);
 }
 
 TEST(TestThreadState, CountsChecksAndTellsEachLineFlushedUnderItsRecursiveLock)
