@@ -177,7 +177,9 @@ TEST_F(Sockets, WakeAReaderByCloseWhichWaitsUntilItHasLeft)
     readFault.calls = 0;
     std::thread reader([&] { EXPECT_THAT(messageOf([&] { accepted->read(); }), testing::StartsWith("EOF: ")); });
     awaitCalls(readFault, 1);
+    const support::AllocationCount count;
     accepted->close();
+    EXPECT_EQ(count.releases(), 1U) << "its entry in the server's list";
     reader.join();
 }
 
@@ -259,30 +261,33 @@ std::string fatal(const std::string& function, int error)
     return support::literal(function) + " failed in Quorvil/LinuxPipe:[0-9]+ - \\(" + std::to_string(error) + "\\) " +
            strerrordesc_np(error) + "\n[^\n]*" +
            support::assertion("Quorvil/SafeLinuxCalls", "int util::safe(const char*, const char*, int, int, bool)",
-                              "linuxFuncResult != -1");
+                              "linuxFuncResult != -1", "32");
 }
 
 const std::string constructor = "util::MyPipe::MyPipe(const string&)";
 
 TEST(MyPipe, RunsACommandBetweenThreeStreamsAndTracesIt)
 {
-    // Whichever of its own streams the process has closed.
-    for (const int closed : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    // Whichever of its own streams the process has closed, from the first one of them on.
+    for (int closed = STDIN_FILENO; closed <= STDERR_FILENO + 1; ++closed) {
         const support::ChildResult child = support::runInChild([closed] {
             const int out = dup(STDOUT_FILENO);
-            close(closed);
+            for (int fd = closed; fd <= STDERR_FILENO; ++fd)
+                close(fd);
+            const size_t before = namesIn("/proc/self/fd").size();
             MyPipe pipe("read line; echo \"got $line\"; echo problem >&2; exit 3");
             dprintf(pipe.childStdin(), "paper\n");
             const std::string text = readAll(pipe.childStdout()) + readAll(pipe.childStderr());
-            dprintf(out, "%s%d ", text.c_str(), fcntl(pipe.childStdin(), F_GETFD));
+            dprintf(out, "%s%zd %d ", text.c_str(), namesIn("/proc/self/fd").size() - before,
+                    fcntl(pipe.childStdin(), F_GETFD));
             dprintf(out, "%d %d", pipe.waitForChild(), pipe.waitForChild());
         });
-        EXPECT_EQ(child.out, "got paper\nproblem\n1 768 768") << closed;
+        EXPECT_EQ(child.out, "got paper\nproblem\n3 1 768 768") << closed;
         const std::string trace =
             "stdinFd\\[0\\]=[0-9]+, stdinFd\\[1\\]=[0-9]+, stdoutFd\\[0\\]=[0-9]+, stdoutFd\\[1\\]=[0-9]+, "
             "stderrFd\\[0\\]=[0-9]+, stderrFd\\[1\\]=[0-9]+\n(pid=0\npid=[1-9][0-9]*|pid=[1-9][0-9]*\npid=0)\n"
             "before waitpid\nafter waitpid\n~MyPipe\\(\\) in process[0-9]+\n";
-        EXPECT_THAT(child.err, testing::MatchesRegex(closed == STDERR_FILENO ? "" : trace));
+        EXPECT_THAT(child.err, testing::MatchesRegex(closed > STDERR_FILENO ? trace : ""));
     }
 }
 
@@ -470,6 +475,7 @@ TEST_F(SystemInterfaces, ThrowWhereALockCannotBeTakenAndLeaveNothingBehind)
     ovxfs::CurDrive current;
     ovxfs::DriveVm drive;
     drive.setCurDir("/jobs");
+    drive.init('D', Drive::ramDisk, Drive::ready, "LABELS", 0);
     std::string dir = "before";
     const auto server = ServerSocket::create(0);
     MyPipe pipe("exit 3");
@@ -487,6 +493,7 @@ TEST_F(SystemInterfaces, ThrowWhereALockCannotBeTakenAndLeaveNothingBehind)
     drive.getCurDir(dir);
     EXPECT_EQ(dir + current.getStdDrive(), "/jobsA");
     EXPECT_EQ(pipe.waitForChild(), 768);
+    EXPECT_EQ(wait(nullptr), -1) << "no child is left";
 }
 
 TEST_F(SystemInterfaces, GiveWhatTheyHoldWithoutTakingMemory)
