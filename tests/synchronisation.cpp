@@ -79,7 +79,8 @@ TEST(LockGroup, WarnsTracesAndGivesUpAfterASecondWithTheLimitedBufferUnderEachLi
     gl_pTrenvikLimitedBuffer = std::make_shared<LimitedBuffer>(2048, 1, [](std::ostream&, const char*) {});
     LimitedBuffer::setBufferingActive(true);
     for (const auto& [file, waited, held, expected] : rows) {
-        readings = {0ms, waited, waited + held};
+        readings = {0ms};
+        const HookScope atLock(pthread_mutex_lockFault, [w = waited, h = held] { readings = {w, w + h}; });
         testing::internal::CaptureStdout();
         Guard(group, file, 1234);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), expected);
@@ -113,7 +114,7 @@ TEST(LockGroup, WarnsTracesAndGivesUpAfterASecondWithTheLimitedBufferUnderEachLi
 TEST(Guard, MovesWithItsGroupAndTimesButWithoutItsSourcePlace)
 {
     LockGroup groups[2];
-    readings = {0ms, 500ms, 600ms, 600ms, 700ms, 600ms};
+    readings = {100ms, 600ms, 700ms, 700ms, 800ms, 700ms};
     testing::internal::CaptureStdout();
     {
         Guard first = groups[0].guard("first.cpp", 1);
@@ -419,6 +420,7 @@ TEST(InitCondVar, HoldsThreadsWithALineAtEachWakeUpUntilItOpensForGood)
     const auto wait = [&] { gate.waitUntilInitialized("feeder"); };
     const std::jthread waiters[] = {std::jthread(wait), std::jthread(wait)};
     awaitCalls(pthread_cond_waitFault, 4);
+    gate.setInitialized();
     gate.setInitialized();
     gate.waitUntilInitialized("nobody");
     const std::string line = "feeder is being blocked until motor has been initialized!\n";
