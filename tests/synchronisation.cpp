@@ -374,7 +374,7 @@ TEST(CountingSemaphore, IsDestroyedThousandsOfTimesUnderWaitersOfWhichOneIsCance
             } catch (const std::exception&) {
             }
         });
-        if (round % 2)
+        if (round % 2 && !threadSanitized) // it is blind to the locks of a thread that unwinds out of its call
             pthread_cancel(waiters.front().native_handle());
         for (int i = 0; i < round % 5; ++i)
             semaphore->post();
