@@ -68,8 +68,8 @@ public:
     /// Waits for one byte (`read`).
     ///
     /// @return 0 to 255
-    /// @throws SocketException  "read when socket is not open"; "read failed: " and the system's text; at the end of the
-    ///     stream "EOF: " and the text of whatever `errno` held
+    /// @throws SocketException  "read when socket is not open"; "read failed: " and the system's text; at the end of
+    ///     the stream "EOF: " and the text of whatever `errno` held
     /// @threads one at a time   @realtime waits
     virtual int read() = 0;
 
@@ -82,9 +82,9 @@ public:
     /// Ends the connection in both directions and closes (`shutdown`, `close`). The last use of the server socket may
     /// end here, and with it the server socket.
     ///
-    /// @throws SocketException  "shutdown failed: " or "close failed: " and the system's text; the socket is still open.
-    ///     A connection that the peer has reset fails in `shutdown` each time: only the destructor closes it. Behind
-    ///     "close failed: " do not close again: the system may have given the descriptor's number away
+    /// @throws SocketException  "shutdown failed: " or "close failed: " and the system's text; the socket is still
+    ///     open. A connection that the peer has reset fails in `shutdown` each time: only the destructor closes it.
+    ///     Behind "close failed: " do not close again: the system may have given the descriptor's number away
     /// @throws std::system_error  the server socket's lock cannot be taken; the socket is closed
     /// @threads one at a time   @realtime waits
     virtual void close() = 0;
