@@ -15,6 +15,7 @@
 #include <deque>
 #include <iomanip>
 #include <iostream>
+#include <map>
 #include <random>
 #include <sstream>
 
@@ -24,11 +25,7 @@ using util::LimitedStateValueBuffer;
 namespace {
 
 /// Buffers record in all tests.
-const bool activeAtLoad = [] {
-    const bool active = LimitedBuffer::isBufferingActive();
-    LimitedBuffer::setBufferingActive(true);
-    return active;
-}();
+const bool activeAtLoad = LimitedBuffer::isBufferingActive() || (LimitedBuffer::setBufferingActive(true), false);
 
 const std::string header = "\n\n======== LIMITED BUFFER CONTENT ========\n\n";
 const std::string footer = "\n==============\n\n";
@@ -64,10 +61,6 @@ TEST(LimitedBuffer, IsSilentUntilItIsSwitchedOn)
 TEST(LimitedBuffer, PrintsWhatItsModelHoldsWhereverTextsAndListsFall)
 {
     std::mt19937 random(20260711);
-    std::string alphabet;
-    while (alphabet.size() < 1000)
-        alphabet += static_cast<char>('a' + random() % 26);
-    const auto letters = [&](size_t count) { return alphabet.substr(random() % 700, count); };
     for (const size_t capacity : {1U, 2U, 3U, 7U, 10U, 300U}) {
         LimitedBuffer buffer(capacity, 2, formatPair);
         // The model is a text without end, of which the last bytes count, and lists at absolute places, each gone when
@@ -77,12 +70,15 @@ TEST(LimitedBuffer, PrintsWhatItsModelHoldsWhereverTextsAndListsFall)
         for (int step = 0; step < 20000; ++step) {
             // Mostly lists and short texts, so that more than 128 lists come to stand in the longest ring.
             const auto kind = random() % 256;
+            const auto letters = [step](size_t count) {
+                return std::string(count, static_cast<char>('a' + step % 26));
+            };
             if (kind < 150) {
                 lists.emplace_back(text.size(), letters(2));
                 buffer.addStateValueList(lists.back().second.data(), 2);
             } else {
-                const std::string part =
-                    letters((kind == 255 ? 0 : 1 + random() % (kind < 250 ? 3 : capacity)) % capacity);
+                const size_t length = kind == 255 ? 0 : 1 + random() % (kind < 250 ? 3 : capacity);
+                const std::string part = letters(length % capacity);
                 buffer.add(part.data(), part.size());
                 text += part;
                 if (part.empty())
@@ -101,19 +97,15 @@ TEST(LimitedBuffer, PrintsWhatItsModelHoldsWhereverTextsAndListsFall)
     }
 }
 
-TEST(LimitedBuffer, KeepsListsUntilTheirPlaceIsWrittenAndMeasuresInRingOrder)
+TEST(LimitedBuffer, MeasuresAndReadsInRingOrder)
 {
     LimitedBuffer buffer(10, 2, formatPair);
     buffer.add("abcdefg", 7);
-    buffer.addStateValueList("AA", 2);
-    buffer.add("hijk", 4);
-    EXPECT_EQ(header + "bcdefg<AA>hijk" + footer, printed(buffer));
-    buffer.add("lmnopq", 6);
-    EXPECT_EQ(header + "hijklmnopq" + footer, printed(buffer));
-    EXPECT_EQ(7, buffer.ringNext() - buffer.ringBegin());
+    buffer.add("hijklmn", 7);
+    EXPECT_EQ(4, buffer.ringNext() - buffer.ringBegin());
     char* const begin = buffer.ringBegin();
     const std::string ring(begin, buffer.ringEnd());
-    EXPECT_EQ("klmnopqhij", ring);
+    EXPECT_EQ("klmnefghij", ring);
     for (size_t from = 0; from < 10; ++from)
         for (size_t length = 0; length <= 10; ++length) {
             char* const to = begin + (from + length) % 10;
@@ -136,82 +128,70 @@ TEST(LimitedBuffer, CutsFormattedTextAndAddsNothingOfFormattingErrors)
     EXPECT_EQ(header + "12|" + std::string(508, 'x') + "<zz>" + footer, printed(buffer));
 }
 
-TEST(LimitedBuffer, PrintsACopyWhileOthersWrite)
-{
-    LimitedBuffer* printing = nullptr;
-    LimitedBuffer buffer(10, 2, [&printing](std::ostream& out, const char* values) {
-        std::thread([printing] { printing->add("later", 5); }).join();
-        formatPair(out, values);
-    });
-    printing = &buffer;
-    buffer.addStateValueList("zz", 2);
-    buffer.add("abc", 3);
-    EXPECT_EQ(header + "<zz>abc" + footer, printed(buffer));
-    EXPECT_EQ(header + "<zz>abclater" + footer, printed(buffer));
-    EXPECT_EQ(header + "laterlater" + footer, printed(buffer));
-}
-
 TEST(LimitedBuffer, RecordsAndTakesNothingOfTheSystem)
 {
     LimitedBuffer buffer(1 << 20, 4096, formatPair);
-    LimitedStateValueBuffer lists(2);
-    LimitedStateValueBuffer copy(2);
     const std::string text(4096, 'x');
     const quorvil::SimpleHeap heap(8);
-    int pos = 0;
     const auto record = [&] {
         for (int i = 0; i < 300; ++i) {
             buffer.add(text.data(), text.size());
             buffer.addf("%d %s %.3f\n", i, text.c_str(), 0.5 * i);
             buffer.addStateValueList(text.data(), 4096);
         }
-        // A list away from the next text is looked at too.
-        lists.add(5, "ab", 2);
-        lists.removeOverwritten(5, 6, 10);
-        lists.add(8, "cd", 2);
-        lists.removeOverwritten(6, 9, 10);
-        lists.add(7, "ef", 2);
-        copy.startIteration();
-        copy.copyFrom(lists);
-        char* values;
-        EXPECT_FALSE(copy.iterate(pos, values)) << "an iteration ends with what it went through";
-        copy.startIteration();
-        EXPECT_TRUE(copy.iterate(pos, values));
     };
     const long faults = support::pageFaults();
     record();
     EXPECT_EQ(support::pageFaults(), faults);
-    EXPECT_EQ(pos, 7);
     support::expectNothingOfTheSystem(record);
+}
+
+TEST(LimitedStateValueBuffer, DropsListsAwayFromTheNextTextTooAndEndsAnIterationByACopy)
+{
+    LimitedStateValueBuffer lists(2);
+    lists.add(5, "ab", 2);
+    lists.removeOverwritten(5, 6, 10);
+    lists.add(8, "cd", 2);
+    lists.removeOverwritten(6, 9, 10);
+    lists.add(7, "ef", 2);
+    lists.startIteration();
+    lists.copyFrom(lists);
+    int pos = 0;
+    char* values;
+    EXPECT_FALSE(lists.iterate(pos, values));
+    lists.startIteration();
+    EXPECT_TRUE(lists.iterate(pos, values) && pos == 7);
 }
 
 TEST(LimitedBuffer, KeepsWritersAndPrintersApart)
 {
-    constexpr size_t writers = 3;
     constexpr int textsOfEach = 50000;
     // Each writer adds a line with its next number and then a list of the same text: so the list stands behind that
-    // line and before its writer's next one.
-    LimitedBuffer buffer(4096, 16, [](std::ostream& out, const char* values) { out << '[' << values; });
-    std::atomic<size_t> writing{writers};
-    std::vector<std::thread> threads;
-    for (size_t writer = 0; writer < writers; ++writer)
-        threads.emplace_back([&, writer] {
-            for (int number = 1; number <= textsOfEach; ++number) {
-                char text[16] = "";
-                std::snprintf(text, sizeof text, "%zu %d\n", writer, number);
-                buffer.addf("%s", text);
-                buffer.addStateValueList(text, sizeof text);
-            }
-            --writing;
-        });
+    // line and before its writer's next one. A formatter may use the buffer itself.
+    LimitedBuffer* ring = nullptr;
+    LimitedBuffer buffer(4096, 16, [&ring](std::ostream& out, const char* values) {
+        out << (ring->ringNext() < ring->ringEnd() ? "[" : "outside ") << values;
+    });
+    ring = &buffer;
+    std::atomic<int> writing{3};
+    const auto write = [&](int writer) {
+        for (int number = 1; number <= textsOfEach; ++number) {
+            char text[16] = "";
+            std::snprintf(text, sizeof text, "%d %d\n", writer, number);
+            buffer.addf("%s", text);
+            buffer.addStateValueList(text, sizeof text);
+        }
+        --writing;
+    };
+    std::thread threads[] = {std::thread(write, 0), std::thread(write, 1), std::thread(write, 2)};
     while (writing > 0) {
         std::istringstream lines(printed(buffer).substr(header.size()));
         // The oldest line is cut.
         lines.ignore(4096, '\n');
-        int last[writers] = {};
+        std::map<char, int> last;
         std::string writer;
         for (int number; lines >> writer >> number;) {
-            int& known = last[static_cast<size_t>(writer.back() - '0') % writers];
+            int& known = last[writer.back()];
             EXPECT_TRUE(known == 0 || number == known + (writer[0] != '[')) << writer << ' ' << number;
             known = number;
         }
@@ -219,7 +199,6 @@ TEST(LimitedBuffer, KeepsWritersAndPrintersApart)
     }
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_THAT(printed(buffer), testing::HasSubstr(" " + std::to_string(textsOfEach) + "\n"));
 }
 
 TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
@@ -227,72 +206,67 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
     LimitedBuffer buffer(10, 2, formatPair);
     char* const begin = buffer.ringBegin();
     char* const end = buffer.ringEnd();
-    LimitedStateValueBuffer lists(2);
-    LimitedStateValueBuffer longer(3);
+    LimitedStateValueBuffer lists(2), longer(3), empty(0);
     lists.add(50, "xx", 2);
+    empty.add(0, "", 0);
     int pos;
     int* elsewhere = &pos;
-    char* first;
-    char* cursor;
+    char *first, *cursor;
     lists.startIteration();
     lists.iterate(pos, first);
-    const std::string constructor = "util::LimitedBuffer::LimitedBuffer(std::size_t, int, "
-                                    "std::function<void(std::basic_ostream<char>&, const char*)>)";
-    const std::string invariants = "void util::LimitedBuffer::checkInvariants() const";
-    const std::string internAdd = "void util::LimitedBuffer::internAdd(const char*, size_t, L&)";
-    const std::string diff = "std::size_t util::LimitedBuffer::diff(char*, char*) const";
-    const std::string readPart = "void util::LimitedBuffer::readPart(char*, std::size_t, std::ostream&)";
-    const std::string members = "void util::LimitedStateValueBuffer::";
-    const std::string overwritten = "bool util::overwritten(int, int, int, int)";
-    const std::string tooLong = "(ptrdiff_t)len < (end - begin)";
     // Behind the ring of positions: its end, and the number of lists.
     constexpr size_t valueWord = 4 + 128 * sizeof(int) / sizeof(void*) + 2;
-    const std::string aInside = "begin <= a && a < end";
-    const std::string posInside = "posBuf <= *ppos && *ppos < posBufEnd";
-    const std::string entry = "valueBuf <= *pvalue && *pvalue < valueBufEnd";
-    const std::string leaving = "valueBuf <= *pvalue && *pvalue <valueBufEnd";
-    const std::tuple<std::string, std::string, std::function<void()>> rows[] = {
-        {constructor, "formatStateValueList", [] { LimitedBuffer(1, 1, nullptr); }},
-        {constructor, "capacity <= INT_MAX", [] { LimitedBuffer(size_t{INT_MAX} + 1, 1, formatPair); }},
-        {invariants, "begin < end", [] { LimitedBuffer(0, 1, formatPair); }},
-        {invariants, "begin <= next", [&] { support::damage(buffer, 3, begin - 1), buffer.checkInvariants(); }},
-        {invariants, "next < end", [&] { support::damage(buffer, 3, end), buffer.checkInvariants(); }},
-        {invariants, "(ptrdiff_t)size <= (end - begin)", [&] { support::damage(buffer, 4, end), buffer.add("", 0); }},
-        {"void util::LimitedBuffer::print(std::ostream&)", "copySize == 0",
-         [&] { support::damage(buffer, 4, reinterpret_cast<void*>(25)), printed(buffer); }},
-        {internAdd, tooLong, [&] { buffer.add("0123456789", 10); }},
-        {internAdd, tooLong, [&] { buffer.add("", SIZE_MAX); }},
-        {internAdd, tooLong, [&] { buffer.addf("%d", 1234567890); }},
-        {"char* util::LimitedBuffer::walk(char*, ptrdiff_t) const", aInside, [&] { buffer.walk(end, -1); }},
-        {diff, aInside, [&] { (void)buffer.diff(begin - 1, begin); }},
-        {diff, "begin <= b && b < end", [&] { (void)buffer.diff(begin, end); }},
-        {readPart, "begin <= partBegin && partBegin < end", [&] { buffer.readPart(end, 0, std::cerr); }},
-        {readPart, "(ptrdiff_t)partSize <= (end - begin)", [&] { buffer.readPart(begin, SIZE_MAX, std::cerr); }},
-        {members + "add(int, const char*, int)", "numBytes == bytesPerValueList", [&] { lists.add(1, "xxx", 3); }},
-        {members + "add(int, const char*, int)", "nextValue >= valueBuf && nextValue + numBytes <= valueBufEnd",
-         [&] { support::damage(lists, valueWord, first - 1), lists.add(1, "xx", 2); }},
-        {members + "add(int, const char*, int)", "nextPos >= posBuf && nextPos < posBufEnd",
-         [&] { support::damage(lists, valueWord + 1, &pos), lists.add(1, "xx", 2); }},
-        {members + "valueStepBack(char**)", entry,
-         [] {
-             LimitedBuffer withoutValues(10, 0, formatPair);
-             withoutValues.add("text", 4);
-             withoutValues.addStateValueList("", 0);
-             withoutValues.add("text", 4);
-         }},
-        {members + "copyFrom(const util::LimitedStateValueBuffer&)", "src.bytesPerValueList == this->bytesPerValueList",
-         [&] { lists.copyFrom(longer); }},
-        {members + "posStepBack(int**)", posInside, [&] { lists.posStepBack(&elsewhere); }},
-        {members + "posStepForward(int**)", posInside, [&] { lists.posStepForward(&elsewhere); }},
-        {members + "valueStepBack(char**)", entry, [&] { lists.valueStepBack(&(cursor = first - 1)); }},
-        {members + "valueStepBack(char**)", leaving, [&] { lists.valueStepBack(&(cursor = first + 1)); }},
-        {members + "valueStepForward(char**)", entry, [&] { lists.valueStepForward(&(cursor = first + 256)); }},
-        {members + "valueStepForward(char**)", leaving, [&] { lists.valueStepForward(&(cursor = first + 255)); }},
-        {overwritten, "0 <= pos && pos < cycleLen", [&] { lists.removeOverwritten(-1, 50, 50); }},
-        {overwritten, "0 <= begin && begin < cycleLen", [&] { lists.removeOverwritten(99, -1, 99); }},
-        {overwritten, "0 <= end && end < cycleLen", [&] { lists.removeOverwritten(0, 99, 99); }},
+    const auto damaged = [&](size_t word, const void* value) -> LimitedBuffer& {
+        support::damage(buffer, word, value);
+        return buffer;
     };
-    for (const auto& [function, expression, misuse] : rows) {
+    const std::string ofLists = "void util::LimitedStateValueBuffer::";
+    const std::string posInside = "posBuf <= *ppos && *ppos < posBufEnd";
+    const std::string entering = "valueBuf <= *pvalue && *pvalue < valueBufEnd";
+    const std::string leaving = "valueBuf <= *pvalue && *pvalue <valueBufEnd";
+    // Function, unless it is that of the row before, expression and misuse.
+    const std::tuple<std::string, std::string, std::function<void()>> rows[] = {
+        {"util::LimitedBuffer::LimitedBuffer(std::size_t, int, "
+         "std::function<void(std::basic_ostream<char>&, const char*)>)",
+         "formatStateValueList", [] { LimitedBuffer(1, 1, nullptr); }},
+        {"", "capacity <= INT_MAX", [] { LimitedBuffer(size_t{INT_MAX} + 1, 1, formatPair); }},
+        {"void util::LimitedBuffer::checkInvariants() const", "begin < end", [] { LimitedBuffer(0, 1, formatPair); }},
+        {"", "begin <= next", [&] { damaged(3, begin - 1).checkInvariants(); }},
+        {"", "next < end", [&] { damaged(3, end).checkInvariants(); }},
+        {"", "(ptrdiff_t)size <= (end - begin)", [&] { damaged(4, end).add("", 0); }},
+        {"void util::LimitedBuffer::print(std::ostream&)", "copySize == 0", [&] { printed(damaged(4, end)); }},
+        {"void util::LimitedBuffer::internAdd(const char*, size_t, L&)", "(ptrdiff_t)len < (end - begin)",
+         [&] { buffer.add("0123456789", 10); }},
+        {"", "(ptrdiff_t)len < (end - begin)", [&] { buffer.add("", SIZE_MAX); }},
+        {"char* util::LimitedBuffer::walk(char*, ptrdiff_t) const", "begin <= a && a < end",
+         [&] { buffer.walk(end, -1); }},
+        {"std::size_t util::LimitedBuffer::diff(char*, char*) const", "begin <= a && a < end",
+         [&] { (void)buffer.diff(begin - 1, begin); }},
+        {"", "begin <= b && b < end", [&] { (void)buffer.diff(begin, end); }},
+        {"void util::LimitedBuffer::readPart(char*, std::size_t, std::ostream&)",
+         "begin <= partBegin && partBegin < end", [&] { buffer.readPart(end, 0, std::cerr); }},
+        {"", "(ptrdiff_t)partSize <= (end - begin)", [&] { buffer.readPart(begin, SIZE_MAX, std::cerr); }},
+        {ofLists + "add(int, const char*, int)", "numBytes == bytesPerValueList", [&] { lists.add(1, "xxx", 3); }},
+        {"", "nextValue >= valueBuf && nextValue + numBytes <= valueBufEnd",
+         [&] { support::damage(lists, valueWord, first - 1), lists.add(1, "xx", 2); }},
+        {"", "nextPos >= posBuf && nextPos < posBufEnd",
+         [&] { support::damage(lists, valueWord + 1, &pos), lists.add(1, "xx", 2); }},
+        {ofLists + "copyFrom(const util::LimitedStateValueBuffer&)", "src.bytesPerValueList == this->bytesPerValueList",
+         [&] { lists.copyFrom(longer); }},
+        {ofLists + "posStepBack(int**)", posInside, [&] { lists.posStepBack(&elsewhere); }},
+        {ofLists + "posStepForward(int**)", posInside, [&] { lists.posStepForward(&elsewhere); }},
+        {ofLists + "valueStepBack(char**)", entering, [&] { empty.removeOverwritten(1, 2, 3); }},
+        {"", leaving, [&] { lists.valueStepBack(&(cursor = first + 1)); }},
+        {ofLists + "valueStepForward(char**)", entering, [&] { lists.valueStepForward(&(cursor = first + 256)); }},
+        {"", leaving, [&] { lists.valueStepForward(&(cursor = first + 255)); }},
+        {"bool util::overwritten(int, int, int, int)", "0 <= pos && pos < cycleLen",
+         [&] { lists.removeOverwritten(-1, 50, 50); }},
+        {"", "0 <= begin && begin < cycleLen", [&] { lists.removeOverwritten(99, -1, 99); }},
+        {"", "0 <= end && end < cycleLen", [&] { lists.removeOverwritten(0, 99, 99); }},
+    };
+    std::string function;
+    for (const auto& [another, expression, misuse] : rows) {
+        function = another.empty() ? function : another;
         const bool ofRing = function.find("util::LimitedBuffer::") != std::string::npos;
         EXPECT_DEATH(misuse(), support::assertion(ofRing ? "Quorvil/QuorvilLimitedBuffer"
                                                          : "Quorvil/QuorvilLimitedStateValueBuffer",
@@ -309,23 +283,22 @@ TEST(LBInteractiveDump, PrintsOnEachLineUntilItReadsTheLetterOrTheEnd)
     const auto echo = [](const std::string& line) {
         return "Enter: dump gl_trenvikLimitedBuffer\nq (und Enter): Quit\n(vor getline)\nline: '" + line + "'\n";
     };
-    const auto expectDialogue = [&buffer](const std::string& input, const std::string& output,
-                                          const std::string& errors) {
-        std::stringbuf in(input);
-        std::streambuf* const old = std::cin.rdbuf(&in);
+    const auto dialogue = [&buffer](const std::string& input, bool fails = false) {
+        std::stringbuf lines(input);
+        std::streambuf* const old = std::cin.rdbuf(fails ? nullptr : &lines);
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         std::make_unique<util::LBInteractiveDump>(buffer).reset();
         std::cin.rdbuf(old);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), output);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), errors);
+        return testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
     };
     const std::string dump = header + footer;
-    expectDialogue("x\n\nqq\nq\n", echo("x") + dump + echo("") + dump + echo("qq") + dump + echo("q"), "");
-    expectDialogue("", echo(""), "");
-    expectDialogue("x\nlast", echo("x") + dump + echo("last"), "");
+    EXPECT_EQ(dialogue("x\n\nqq\nq\n"), echo("x") + dump + echo("") + dump + echo("qq") + dump + echo("q"));
+    EXPECT_EQ(dialogue(""), echo(""));
+    EXPECT_EQ(dialogue("x\nlast"), echo("x") + dump + echo("last"));
+    EXPECT_EQ(dialogue("", true), echo("")) << "an input that fails without an end";
     buffer.addStateValueList("zz", 2);
-    expectDialogue("x\nq", echo("x") + header + echo("q"), "LBInteractiveDump: formatter\n");
+    EXPECT_EQ(dialogue("x\nq"), echo("x") + header + echo("q") + "LBInteractiveDump: formatter\n");
 }
 
 } // namespace
