@@ -25,6 +25,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using quorvil::coredump::prepare;
+using quorvil::coredump::run;
+
 const std::string begun = "[INFO Quorvil/QuorvilCoreDump:86]    CORE DUMP...\n";
 const std::string done = "[INFO Quorvil/QuorvilCoreDump:91]    CORE DUMP done.\n";
 
@@ -54,19 +57,10 @@ struct CoreDump : testing::Test
     const support::TemporaryFolder scratch;
 };
 
-/// The number of threads in a child of a test is 1, but where an emulator runs some of its own.
-support::ChildResult inChild(const std::function<void()>& body)
-{
-    return support::runInChild([&] {
-        const auto threads = support::threadsNow();
-        body();
-        support::awaitThreads(threads);
-    });
-}
-
 TEST_F(CoreDump, RunReturnsBeforeTheDumpsAreDoneAndEachLeavesItsCoreInItsFolder)
 {
-    const support::ChildResult child = inChild([&] {
+    const support::ChildResult child = support::runInChild([&] {
+        const auto threads = support::threadsNow(); // 1, but where an emulator runs some of its own
         int hold[2];
         EXPECT_EQ(pipe(hold), 0);
         // Both children wait for the end of the pipe before they enter their folder.
@@ -75,10 +69,11 @@ TEST_F(CoreDump, RunReturnsBeforeTheDumpsAreDoneAndEachLeavesItsCoreInItsFolder)
             char byte = 0;
             [[maybe_unused]] const ssize_t length = read(hold[0], &byte, 1);
         });
-        quorvil::coredump::run(name.c_str());
-        quorvil::coredump::run((name + "/several/levels").c_str());
+        run(name.c_str());
+        run((name + "/several/levels").c_str());
         std::fputs("returned\n", stderr);
         close(hold[1]);
+        support::awaitThreads(threads);
     });
     EXPECT_EQ(child.err, "returned\n");
     // One background task may be through before the other one begins.
@@ -105,9 +100,10 @@ TEST_F(CoreDump, EveryFailureHasItsReportAndItsWayOn)
         {&setrlimit64Fault, EPERM, begun + done, "Could not set " + denied},
     };
     for (const auto& [fault, error, out, err] : rows) {
-        const support::ChildResult child = inChild([&, failing = fault, code = error] {
+        const support::ChildResult child = support::runInChild([&, failing = fault, code = error] {
+            pthread_createFault.fail(EAGAIN); // `run` itself awaits the dump
             failing->fail(-1, code, 1, code == EINTR ? 3 : support::always);
-            quorvil::coredump::run(name.c_str());
+            run(name.c_str());
         });
         EXPECT_EQ(child.out, out);
         EXPECT_EQ(child.err, err);
@@ -117,23 +113,22 @@ TEST_F(CoreDump, EveryFailureHasItsReportAndItsWayOn)
 TEST_F(CoreDump, EndsByAbortWhetherOrNotTheLogIsSilentAndLeavesItsProcessAlone)
 {
     std::ofstream(folder / "file") << "no folder";
-    const support::ChildResult child = inChild([&] {
+    const support::ChildResult child = support::runInChild([&] {
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         std::fputs("pending, ", stdout);
-        pthread_createFault.fail(EAGAIN); // `run` itself awaits the dump
-        quorvil::coredump::run((name + "/file").c_str());
-        {
-            const support::FaultScope fault(forkFault, -1, EAGAIN, 1, 1);
-            quorvil::coredump::run(name.c_str());
-        }
+        pthread_createFault.fail(EAGAIN);
+        run((name + "/file").c_str());
+        forkFault.fail(-1, EAGAIN, 1, 1);
+        run(name.c_str());
         gl_bOVXLConfigLoaded = 1;
         for (OvxLogGroupCfg& group : gl_psOvxLogGrpCfgTable)
             group.logEnabled = 0;
         chdirFault.fail(-1, EACCES);
-        quorvil::coredump::run(name.c_str());
+        run(name.c_str());
         std::fprintf(stderr, fs::current_path() == scratch.path ? "%d" : "%d elsewhere", WTERMSIG(dumpStatus));
     });
     EXPECT_EQ(child.out.find("pending"), child.out.rfind("pending")) << child.out;
+    EXPECT_NE(child.out.find("rlim_max=-1\n"), std::string::npos) << child.out;
     EXPECT_TRUE(child.err.starts_with("mkdir: ")) << child.err;
     EXPECT_TRUE(child.err.ends_with(logged("118] chdir: Not a directory") +
                                     logged("106] fork() failed: Resource temporarily unavailable") + "6"))
@@ -142,23 +137,19 @@ TEST_F(CoreDump, EndsByAbortWhetherOrNotTheLogIsSilentAndLeavesItsProcessAlone)
 
 TEST(CoreDumpPrepare, RaisesTheLimitOrEndsTheProcess)
 {
-    const auto prepare = [] {
-        dup2(STDERR_FILENO, STDOUT_FILENO);
+    const auto raise = [] {
         const rlimit none{0, RLIM_INFINITY};
         setrlimit(RLIMIT_CORE, &none);
         getrlimit64Fault.fail(0, 0, 1, 1); // leaves both limits at 0
-        quorvil::coredump::prepare();
+        prepare();
         rlimit limit{};
         getrlimit(RLIMIT_CORE, &limit);
-        std::printf(limit.rlim_cur == RLIM_INFINITY ? "unlimited, " : "limited, ");
-        std::fflush(stdout);
+        std::fputs(limit.rlim_cur == RLIM_INFINITY ? "unlimited, " : "limited, ", stderr);
     };
     support::expectOutcomes({
-        {"rlim_max=-1\nunlimited, exit 0", prepare},
-        {"Could not get RLIMIT_CORE\n: Invalid cross-device link\nexit 1", quorvil::coredump::prepare,
-         &getrlimit64Fault},
-        {"Could not set RLIMIT_CORE\n: Invalid cross-device link\nexit 1", quorvil::coredump::prepare,
-         &setrlimit64Fault},
+        {"unlimited, exit 0", raise},
+        {"Could not get RLIMIT_CORE\n: Invalid cross-device link\nexit 1", prepare, &getrlimit64Fault},
+        {"Could not set RLIMIT_CORE\n: Invalid cross-device link\nexit 1", prepare, &setrlimit64Fault},
     });
 }
 

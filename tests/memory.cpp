@@ -124,14 +124,10 @@ TEST(FastAllocator, HoldsTheStandardContainersAndTakesNothingOfTheSystem)
     SubHeap sub(SimpleHeap::singleton, 4096);
     const FastAllocator<char> second(std::shared_ptr<SubHeap>(&sub, EmptyDeleter<SubHeap>()));
     expectNothingOfTheSystem([&heap, &second] {
-        const FastAllocator<char> first(heap);
-        std::vector<int, FastAllocator<int>> numbers(first), others(second);
-        std::map<int, HeapString, std::less<int>, FastAllocator<std::pair<const int, HeapString>>> texts(first);
-        for (int i = 0; i < 100; ++i) {
-            numbers.push_back(i);
-            texts.emplace(i, HeapString("a text too long for the small buffer of a string", first));
-        }
+        std::map<int, HeapString, std::less<int>, FastAllocator<std::pair<const int, HeapString>>> texts(heap);
+        texts.emplace(1, HeapString("a text too long for the small buffer of a string", heap));
         // Between heaps the elements move, and each container keeps its own.
+        std::vector<int, FastAllocator<int>> numbers(100, 7, heap), others(second);
         others = std::move(numbers);
         EXPECT_EQ(100U, others.size());
         EXPECT_TRUE(others.get_allocator() == second && !(numbers.get_allocator() == second));
@@ -236,24 +232,7 @@ TEST(NonlockingPool, LendsTheObjectGivenBackLastAndIsUnchangedWhereItRefuses)
     EXPECT_DEATH(pool.tryGet(), support::assertion("Quorvil/QuorvilNonlockingPool", "", "newNext - available <= size"));
 }
 
-TEST(QueueAndPool, ChangeNothingWhereTheirMutexCannotBeLocked)
-{
-    int object;
-    NonlockingPool<int> pool(&object, 1);
-    BlockingQueue<int, std::allocator<int>> queue(1, {});
-    queue.push(7);
-    const Call calls[] = {[&] { queue.push(8); }, [&] { queue.pop(); },      [&] { queue.tryPop(); },
-                          [&] { queue.close(); }, [&] { queue.cancel(); },   [&] { pool.get(); },
-                          [&] { pool.tryGet(); }, [&] { pool.put(&object); }};
-    for (const Call& call : calls) {
-        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
-        EXPECT_THROW(call(), std::system_error);
-    }
-    EXPECT_EQ(queue.pop(), 7);
-    EXPECT_EQ(pool.get(), &object);
-}
-
-TEST(QueueAndPool, TakeNothingOfTheSystemButTheWakeUpOfTheFirstValue)
+TEST(QueueAndPool, TakeNothingOfTheSystemButTheWakeUpOfTheFirstValueAndRefuseWithoutTheirMutex)
 {
     int objects[2];
     NonlockingPool<int> pool(objects, 2);
@@ -280,6 +259,11 @@ TEST(QueueAndPool, TakeNothingOfTheSystemButTheWakeUpOfTheFirstValue)
     EXPECT_EQ(wakeUps + 1, pthread_cond_signalFault.calls);
     pushed.release();
     consumer.join();
+    {
+        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
+        EXPECT_THROW(queue.push(objects), std::system_error);
+        EXPECT_THROW(pool.put(objects), std::system_error);
+    }
     expectNothingOfTheSystem([&queue] { queue.close(), queue.cancel(); });
 }
 
