@@ -69,7 +69,6 @@ tolmen::mywstring wideLabel(L"Größe 4 €");
 tolmen::mystring noText;
 Feeder fresh("fresh");
 Feeder feeding("feeding");
-Feeder finished("finished");
 util::CountingSemaphore pages(3);
 quorvil::sync::LockGroup group;
 sqlite3cpp::DbCon database(":memory:");
@@ -111,9 +110,6 @@ int main(int, char** argv)
     minusOneAndAHalf.initFromMs(-1500);
     feeding.start(-1, -1, -1);
     feeding.reached.wait();
-    finished.start(-1, -1, -1);
-    finished.stop.post();
-    finished.join();
     row.step();
 
     std::ofstream out(argv[1]);

@@ -26,7 +26,7 @@ VALUES = [
     ("noText", '""'),
     ("*(util::Thread*)&fresh", 'Thread "fresh" NEW, pthread_t 0x0'),
     ("*(util::Thread*)&feeding", 'Thread "feeding" RUNNING, pthread_t 0x[1-9a-f][0-9a-f]*'),
-    ("finished.internals", 'Thread "finished" FINISHED, pthread_t 0x[1-9a-f][0-9a-f]*'),
+    ("feeding.internals", 'Thread "feeding" RUNNING, pthread_t 0x[1-9a-f][0-9a-f]*'),
     ("feeding", '{<util::Thread> = Thread "feeding" RUNNING.*reached = CountingSemaphore CS_ACTIVE, 0 counts, 0 waiters.*'),
     ("pages", "CountingSemaphore CS_ACTIVE, 3 counts, 0 waiters"),
     ("group", r"LockGroup held by (thread \d+ \()?LWP LWP\)?, 2 levels, interrupted"),
