@@ -61,11 +61,32 @@ struct TimeCollectorTest : testing::Test
 {
     std::string dumped(int nameWidth, const std::locale& locale = std::locale::classic())
     {
-        Paper paper;
-        std::ostream out(&paper);
+        paper.str("");
         out.imbue(locale);
         record.dump(out, nameWidth);
         return paper.str();
+    }
+
+    static Handle filled(TimeCollectorPool& pool, const std::string& name)
+    {
+        Handle record = pool.get(1);
+        record->add(name, at(0));
+        return record;
+    }
+
+    /// A record of one entry, with the flush of its own and the one behind its return.
+    static std::string printedRecord(const std::string& name, int time = 0)
+    {
+        return name + ": " + std::to_string(time) +
+               " ns    (first +         0 ns)   (last +         0 ns)\n===== Insgesamt: 0 ns\n\n~~";
+    }
+
+    static size_t freeRecords(TimeCollectorPool& pool)
+    {
+        std::vector<Handle> records;
+        while (Handle record = pool.tryGet(0))
+            records.push_back(std::move(record));
+        return records.size();
     }
 
     /// Bytes that the record has taken from its heap.
@@ -77,6 +98,8 @@ struct TimeCollectorTest : testing::Test
     std::shared_ptr<quorvil::IHeap> heap = std::make_shared<quorvil::SimpleHeap>(65536);
     char* const start = static_cast<char*>(heap->alloc(0));
     TimeCollector record{quorvil::FastAllocator<TimeCollector::Entry>(heap)};
+    Paper paper;
+    std::ostream out{&paper};
 };
 
 TEST_F(TimeCollectorTest, DumpReadsAsPromisedAsOftenAsAsked)
@@ -147,33 +170,7 @@ TEST_F(TimeCollectorTest, TheHeapHoldsTheListAtItsStartLongNamesAndGivenTextsAnd
 
 // ---- the pool
 
-struct TimeCollectorPoolTest : testing::Test
-{
-    static Handle filled(TimeCollectorPool& pool, const std::string& name)
-    {
-        Handle record = pool.get(1);
-        record->add(name, at(0));
-        return record;
-    }
-
-    /// A record of one entry, with the flush of its own and the one behind its return.
-    static std::string printedRecord(const std::string& name, int time = 0)
-    {
-        return name + ": " + std::to_string(time) +
-               " ns    (first +         0 ns)   (last +         0 ns)\n===== Insgesamt: 0 ns\n\n~~";
-    }
-
-    static size_t freeRecords(TimeCollectorPool& pool)
-    {
-        std::vector<Handle> records;
-        while (Handle record = pool.tryGet(0))
-            records.push_back(std::move(record));
-        return records.size();
-    }
-
-    Paper paper;
-    std::ostream out{&paper};
-};
+using TimeCollectorPoolTest = TimeCollectorTest;
 
 TEST_F(TimeCollectorPoolTest, TheBlockFitsExactlyAndTheConsoleGroupsItsNumbers)
 {
@@ -239,9 +236,9 @@ TEST_F(TimeCollectorPoolTest, TakesNothingOfTheSystemWhileTheDumpThreadIsAwakeAn
             held.await();
             const auto use = [&] {
                 pool.dump(filled(pool, "short"));
-                Handle record = pool.tryGet(1);
-                record->add(*record->string(longName.c_str()), at(0));
-                pool.dump(std::move(record));
+                Handle lent = pool.tryGet(1);
+                lent->add(*lent->string(longName.c_str()), at(0));
+                pool.dump(std::move(lent));
             };
             support::expectNothingOfTheSystem(use);
             Handle mine = filled(pool, "mine");
@@ -265,11 +262,11 @@ TEST_F(TimeCollectorPoolTest, WhatSeveralProducersDumpComesOutWholeAndInOrderOrG
         support::Gate dumped;
         const auto produce = [&](char name) {
             for (int number = 1; number <= records; ++number) {
-                Handle record;
-                while (!(record = pool.tryGet(1)))
+                Handle lent;
+                while (!(lent = pool.tryGet(1)))
                     std::this_thread::yield();
-                record->add({&name, 1}, at(number));
-                pool.dump(std::move(record));
+                lent->add({&name, 1}, at(number));
+                pool.dump(std::move(lent));
                 dumped.open();
             }
         };
@@ -287,9 +284,9 @@ TEST_F(TimeCollectorPoolTest, WhatSeveralProducersDumpComesOutWholeAndInOrderOrG
         EXPECT_EQ(freeRecords(pool), 2U) << "none lies in the ring of a closed pool";
         std::map<char, int> last;
         for (size_t place = 0; place + 1 < text.size();) {
-            const std::string record = printedRecord({text[place]}, ++last[text[place]]);
-            ASSERT_EQ(text.substr(place, record.size()), record);
-            place += record.size();
+            const std::string expected = printedRecord({text[place]}, ++last[text[place]]);
+            ASSERT_EQ(text.substr(place, expected.size()), expected);
+            place += expected.size();
         }
     }
 }
