@@ -138,9 +138,9 @@ QUORVIL_API void* pthreadFunc(void* internals);
 ///
 /// Its states are those of `ThreadInternals`. The body ends by its return or by POSIX cancellation at one of its
 /// cancellation points; both end in `FINISHED`. The body must not let an exception out, except for the unwinding of a
-/// cancellation, which it must not swallow. Two things follow from that unwinding: a cancellation that takes effect below
-/// a destructor or another `noexcept` function ends the process, and a standard stream that the body was writing to,
-/// `std::cout` too, is left failed (`badbit`) and writes nothing more until somebody clears it.
+/// cancellation, which it must not swallow. Two things follow from that unwinding: a cancellation that takes effect
+/// below a destructor or another `noexcept` function ends the process, and a standard stream that the body was writing
+/// to, `std::cout` too, is left failed (`badbit`) and writes nothing more until somebody clears it.
 ///
 /// `join`, or another look at `FINISHED`, comes before the destruction: a `Thread` that is destroyed in between ends
 /// the process. What the body did is seen by the thread that has returned from `join`.
