@@ -260,6 +260,11 @@ TEST_F(Controller, StopsInGoodOrderInEveryState)
     EXPECT_EQ(hear(silent), "refused: the printer is stopping\n");
     EXPECT_EQ(outNames(), Words());
 
+    // A job waits, and this one cannot start.
+    Printer fourth(service() + " --spool " + folder / "none/spool");
+    EXPECT_TRUE(fourth.says("none/spool: No such file or directory"));
+    EXPECT_EQ(fourth.end(0), 1);
+
     // The next one goes on, also while its core is dumped. (A sanitizer cannot fork so, an emulator makes no core.)
     const bool dumps = !support::sanitized && !support::emulated;
     ASSERT_TRUE(start("exec", dumps ? " --dump-core" : ""));

@@ -69,6 +69,8 @@ public:
 
 private:
     StateFolder folder;
+    /// Made before the worker: were there none, the worker would begin a job that nobody prints.
+    std::string spoolFolder;
     Drives drives;
     JobStore store;
     Status status;
