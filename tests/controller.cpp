@@ -4,6 +4,7 @@
 #include "Trace.h"
 
 #include "Quorvil/QuorvilSocket.h"
+#include "Quorvil/sqlite3cpp.h"
 #include "tests/support/allocationCount.h"
 #include "tests/support/environment.h"
 #include "tests/support/temporaryFolder.h"
@@ -335,6 +336,25 @@ TEST_F(Controller, GoesOnWithoutRoomOnTheDiskAndWithoutPrivileges)
     ASSERT_TRUE(start());
     ASSERT_TRUE(printer->says("job 1 printed: "));
     EXPECT_TRUE(job(1) == expected(large));
+}
+
+TEST_F(Controller, PrintsWhatWaitedWhileTheDatabaseWasLocked)
+{
+    ASSERT_TRUE(start());
+    EXPECT_EQ(answer("page 400 400\npages 60\n"), "accepted 1\n");
+    EXPECT_EQ(answer("page 9 9\n"), "accepted 2\n");
+    sqlite3cpp::DbCon other(folder / "state/jobs.db");
+    ASSERT_TRUE(other.exec("PRAGMA busy_timeout = 10000") && other.exec("BEGIN EXCLUSIVE"));
+    // The worker is behind its look for job 2, then: it came while the last pages of job 1 were under way.
+    ASSERT_TRUE(printer->says("job 1 printed: "));
+    EXPECT_EQ(printer->log.find("job 2 printed: "), std::string::npos);
+    EXPECT_EQ(answer("page 9 9\n"), "refused: the job database is locked\n");
+    ASSERT_TRUE(other.exec("COMMIT"));
+    ASSERT_TRUE(printer->says("job 2 printed: "));
+    EXPECT_EQ(printer->end(SIGTERM), 0) << printer->log;
+    sqlite3cpp::PrepStat states(other, "SELECT count(*) FROM jobs WHERE state = 'printed'");
+    ASSERT_TRUE(states.step());
+    EXPECT_EQ(states.columnInt(0), 2);
 }
 
 TEST(Engine, FeedsAPageWithoutTakingMemory)

@@ -140,13 +140,12 @@ bool JobStore::hold(int id, const std::string& message)
     return isNew;
 }
 
-bool JobStore::releaseHeld()
+void JobStore::releaseHeld()
 {
     const util::Lock lock(mutex);
     saveUnsaved();
     for (auto& [id, hold] : held)
         hold.released = true;
-    return !held.empty();
 }
 
 void JobStore::giveBackAll()

@@ -79,9 +79,7 @@ public:
     bool hold(int id, const std::string& message);
 
     /// Lets held jobs be taken again, and writes states that could not be written.
-    ///
-    /// @return whether a job was held
-    bool releaseHeld();
+    void releaseHeld();
 
     /// Gives back every job that was taken: nobody prints any more.
     void giveBackAll();

@@ -36,8 +36,11 @@ void Sensor::event()
     if (left <= lowPercent && !warned)
         safeCerr << "labelPrinter: " << left << " % of the paper are left" << std::endl;
     warned = left <= lowPercent;
-    if (++looks % looksPerRetry == 0 && store.releaseHeld())
-        worker.notify();
+    if (++looks % looksPerRetry != 0)
+        return;
+    store.releaseHeld();
+    // Always: the worker also sleeps where it found jobs that it could not read.
+    worker.notify();
 }
 
 } // namespace labelPrinter

@@ -15,7 +15,7 @@ class PageFlow;
 class Status;
 
 /// Reads the engine's position and the paper that is left, and tells the status. It warns once a roll where little is
-/// left. Every 5 seconds it lets held jobs be tried again.
+/// left. Every 5 seconds it lets held jobs be tried again, and those that could not be read.
 class Sensor : public IPollingThreadHandler
 {
 public:
