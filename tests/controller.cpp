@@ -20,6 +20,7 @@
 #include <optional>
 #include <random>
 #include <set>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -355,6 +356,32 @@ TEST_F(Controller, PrintsWhatWaitedWhileTheDatabaseWasLocked)
     sqlite3cpp::PrepStat states(other, "SELECT count(*) FROM jobs WHERE state = 'printed'");
     ASSERT_TRUE(states.step());
     EXPECT_EQ(states.columnInt(0), 2);
+}
+
+TEST_F(Controller, FailsNoJobWhereDescriptorsAndDevicesFailForAWhile)
+{
+    const fs::path spooled = folder / "state/spool/a.label";
+    put(folder / "drives/A/dot.pbm", "P1 1 1 1");
+    // This picture can be opened, and nothing be read of it.
+    put(spooled, "page 8 8\nimage /proc/self/mem 0 0");
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(printer->says("spool: " + spooled.string() + ":2: /proc/self/mem: Input/output error\n"));
+    EXPECT_EQ(answer("page 400 400\npages 60\n"), "accepted 1\n");
+    EXPECT_EQ(answer("page 8 8\nimage A:/dot.pbm 0 0"), "accepted 2\n");
+
+    rlimit limit = {};
+    ASSERT_EQ(prlimit(printer->process, RLIMIT_NOFILE, nullptr, &limit), 0);
+    const rlimit none = {3, limit.rlim_max};
+    ASSERT_EQ(prlimit(printer->process, RLIMIT_NOFILE, &none, nullptr), 0);
+    for (const char* const place : {"job 1 waits: ", "job 2 waits: job:2: ", "/spool: Too many open files\n"})
+        EXPECT_TRUE(printer->says(place)) << printer->log;
+    ASSERT_EQ(prlimit(printer->process, RLIMIT_NOFILE, &limit, nullptr), 0);
+    put(spooled, "page 8 8\nfill 0 0 1 1\n");
+    for (const char* const number : {"1", "2", "3"})
+        EXPECT_TRUE(printer->says(std::string("job ") + number + " printed: ")) << printer->log;
+    EXPECT_EQ(printer->end(SIGTERM), 0) << printer->log;
+    EXPECT_EQ(printer->log.find("failed"), std::string::npos) << printer->log;
+    EXPECT_EQ(job(2), job(3));
 }
 
 TEST(Engine, FeedsAPageWithoutTakingMemory)

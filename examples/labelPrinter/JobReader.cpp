@@ -118,7 +118,7 @@ void JobReader::readTitle(JobLine& line)
     try {
         checkTitle(job.title);
     } catch (const Failure& reason) {
-        throw line.failure(reason.what());
+        throw line.failure(reason);
     }
 }
 
@@ -231,7 +231,7 @@ Image* JobReader::image(JobLine& line)
         }
         return &found->second;
     } catch (const Failure& reason) {
-        throw line.failure(reason.what());
+        throw line.failure(reason);
     }
 }
 

@@ -1,5 +1,7 @@
 #include "JobStore.h"
 
+#include "Failure.h"
+
 #include "Quorvil/GeneralException.h"
 
 namespace labelPrinter {
@@ -62,7 +64,7 @@ int JobStore::add(const std::string& text, const std::string& origin)
     try {
         waiting->increaseSize(1);
     } catch (const util::GeneralException&) {
-        throw StoreFailure("too many jobs are waiting");
+        throw Failure::passing("too many jobs are waiting");
     }
     const int id = ++lastId;
     PrepStat insert(database, "INSERT INTO jobs (id, text, origin, state) VALUES (?1, ?2, ?3, 'accepted')");
@@ -75,7 +77,7 @@ int JobStore::add(const std::string& text, const std::string& origin)
     if (insert.getState() == PrepStat::DONE)
         return id;
     jobLeaves();
-    throw StoreFailure(reason(insert.lastResult()));
+    throw Failure::passing(reason(insert.lastResult()));
 }
 
 std::optional<StoredJob> JobStore::take()

@@ -3,7 +3,6 @@
 #include "Failure.h"
 #include "InputFile.h"
 #include "JobDesk.h"
-#include "JobStore.h"
 #include "NamedThread.h"
 
 #include "Quorvil/ScanDir.h"
@@ -84,9 +83,11 @@ void Spool::take(const std::string& name)
         const int id = desk.accept(contentOf(path), path);
         safeCout << "job " << id << " accepted from " << printable(path) << std::endl;
         settle(name, ".accepted");
-    } catch (const StoreFailure& later) {
-        tell(later.what());
     } catch (const Failure& reason) {
+        if (reason.passes()) {
+            tell(reason.what());
+            return;
+        }
         safeCerr << "labelPrinter: refused: " << printable(reason.what()) << std::endl;
         std::ofstream(path.substr(0, path.size() - jobEnding().size()) + ".reason") << printable(reason.what()) << "\n";
         settle(name, ".refused");

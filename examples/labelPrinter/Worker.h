@@ -8,6 +8,8 @@
 
 #include "Quorvil/WaitThread.h"
 
+#include <string>
+
 namespace labelPrinter {
 
 class Drives;
@@ -29,6 +31,7 @@ public:
 
 private:
     void print(const StoredJob& stored);
+    void hold(int id, const std::string& why);
     void compose(Job& job, int id);
 
     JobStore& store;
