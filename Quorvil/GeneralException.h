@@ -71,6 +71,8 @@ private:
 class QUORVIL_API GeneralExceptionThrower
 {
 public:
+    /// Keeps the number; the text is empty, and the number has no name yet.
+    ///
     /// @param err  the error number to report
     /// @threads any   @realtime allocates
     explicit GeneralExceptionThrower(int err);

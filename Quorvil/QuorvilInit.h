@@ -24,7 +24,7 @@ QUORVIL_API void Quorvil_constructor();
 ///
 /// A locale that is not installed changes nothing and is not reported. Call it before other threads use the locale.
 ///
-/// @threads one at a time   @realtime allocates
+/// @threads one at a time   @realtime I/O
 QUORVIL_API void initLocale();
 }
 

@@ -77,11 +77,9 @@ in_addr lookUp(const std::string& host)
         buffer.resize(buffer.size() * 2);
         error = gethostbyname_r(host.c_str(), &entry, buffer.data(), buffer.size(), &found, &reason);
     }
-    if (error != 0)
-        throwSocketError("gethostbyname failed", error);
-    // That there is no such host is no error of the system, and has no error number.
+    // A host that nobody knows comes without an error number.
     if (!found)
-        throw SocketException(std::string("gethostbyname failed: ") + hstrerror(reason));
+        throwSocketError("gethostbyname failed", error != 0 ? error : ENOENT);
     in_addr result{};
     std::memcpy(&result, found->h_addr_list[0], std::min(sizeof result, static_cast<size_t>(found->h_length)));
     return result;

@@ -60,9 +60,8 @@ public:
     ///
     /// @param host  a name or a dotted address, IPv4 only
     /// @param port  the low 16 bits count
-    /// @throws SocketException  "socket failed: ", "gethostbyname failed: " or "connect failed: " and the system's
-    /// text;
-    ///     of a host that is not known "gethostbyname failed: " and the resolver's ("Unknown host")
+    /// @throws SocketException  "socket failed: ", "gethostbyname failed: " or "connect failed: " and what the system
+    ///                          calls the error; a host that nobody knows is `ENOENT`
     /// @threads any   @realtime waits
     static Ptr create(const std::string& host, int port);
 

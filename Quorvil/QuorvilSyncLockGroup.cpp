@@ -84,14 +84,9 @@ bool LockGroup::lockWithinASecond(const char* file, int line)
     return false;
 }
 
-void LockGroup::traceLock(const char* file, int line)
+void LockGroup::trace(const char* what, const char* file, int line)
 {
-    util::gl_pTrenvikLimitedBuffer->addf("[%s:%d] LOCK\n", file, line);
-}
-
-void LockGroup::traceUnlock(const char* file, int line)
-{
-    util::gl_pTrenvikLimitedBuffer->addf("[%s:%d] UNLOCK\n", file, line);
+    util::gl_pTrenvikLimitedBuffer->addf("[%s:%d] %s\n", file, line, what);
 }
 
 Guard::Guard(LockGroup& group_, const char* file_, int line_)

@@ -119,8 +119,7 @@ private:
     static constexpr const char* source = "Quorvil/QuorvilSyncLockGroup";
 
     bool lockWithinASecond(const char* file, int line);
-    static void traceLock(const char* file, int line);
-    static void traceUnlock(const char* file, int line);
+    static void trace(const char* what, const char* file, int line);
 
     std::recursive_timed_mutex mutex;
     std::condition_variable_any condition;
@@ -248,7 +247,7 @@ inline bool LockGroup::lock(const char* file, int line)
     if (!mutex.try_lock() && !lockWithinASecond(file, line))
         return false;
     if (util::gl_pTrenvikLimitedBuffer)
-        traceLock(file, line);
+        trace("LOCK", file, line);
     return true;
 }
 
@@ -258,7 +257,7 @@ inline void LockGroup::unlock(const char* file, int line)
     intern::require(file != nullptr, "file", source, 150, function);
     intern::require(line > 0, "line > 0", source, 151, function);
     if (util::gl_pTrenvikLimitedBuffer)
-        traceUnlock(file, line);
+        trace("UNLOCK", file, line);
     mutex.unlock();
 }
 

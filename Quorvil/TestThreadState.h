@@ -67,7 +67,7 @@ private:
     std::string name;
 };
 
-/// A number for the sleep periods of a test, for classes that derive from it.
+/// A number for the sleep periods of a test.
 class QUORVIL_API TestSleeps
 {
 public:

@@ -1,6 +1,7 @@
 // Core dump: a core file of the running process, and what happens where the system says no.
 
 #include "Quorvil/QuorvilCoreDump.h"
+#include "siblings/OvxLog/OvxLog.h"
 #include "tests/support/child.h"
 #include "tests/support/environment.h"
 #include "tests/support/threadCreation.h"
@@ -10,11 +11,14 @@
 
 #include <sys/resource.h>
 
+/// How the last dump ended, which the library does not ask.
+static int dumpStatus = 0;
 SUPPORT_INTERPOSE(pid_t, fork, (), (), noexcept)
 SUPPORT_INTERPOSE(int, chdir, (const char* path), (path), noexcept)
 SUPPORT_INTERPOSE(int, getrlimit64, (__rlimit_resource_t resource, rlimit64* limit), (resource, limit), noexcept)
 SUPPORT_INTERPOSE(int, setrlimit64, (__rlimit_resource_t resource, const rlimit64* limit), (resource, limit), noexcept)
-SUPPORT_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options), )
+SUPPORT_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options),
+                  (pid, status ? status : &dumpStatus, options), )
 
 namespace {
 
@@ -148,18 +152,39 @@ TEST_F(CoreDump, EveryFailureHasItsReportAndItsWayOn)
     EXPECT_TRUE(child.err.ends_with(logged("118] chdir: Not a directory"))) << child.err;
 }
 
+TEST_F(CoreDump, EndsByAbortWhereTheLogIsSilent)
+{
+    const support::ChildResult child = inChild([&] {
+        {
+            const support::FaultScope logged(forkFault, -1, EAGAIN, 1, 1);
+            quorvil::coredump::run(name.c_str());
+        }
+        gl_bOVXLConfigLoaded = 1;
+        for (int i = 0; i < 64; ++i)
+            gl_psOvxLogGrpCfgTable[i].logEnabled = 0;
+        chdirFault.fail(-1, EACCES);
+        pthread_createFault.fail(EAGAIN); // `run` itself awaits the dump
+        quorvil::coredump::run(name.c_str());
+        std::fprintf(stderr, "%d", WTERMSIG(dumpStatus));
+    });
+    EXPECT_TRUE(child.err.ends_with("fork() failed: Resource temporarily unavailable\n6")) << child.err;
+}
+
 TEST(CoreDumpPrepare, RaisesTheLimitOrEndsTheProcess)
 {
     const auto prepare = [] {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
         const rlimit none{0, RLIM_INFINITY};
         setrlimit(RLIMIT_CORE, &none);
+        getrlimit64Fault.fail(0, 0, 1, 1); // leaves both limits at 0
         quorvil::coredump::prepare();
         rlimit limit{};
         getrlimit(RLIMIT_CORE, &limit);
-        std::fputs(limit.rlim_cur == RLIM_INFINITY ? "unlimited, " : "limited, ", stderr);
+        std::printf(limit.rlim_cur == RLIM_INFINITY ? "unlimited, " : "limited, ");
+        std::fflush(stdout);
     };
     support::expectOutcomes({
-        {geteuid() == 0 ? "unlimited, exit 0" : "exit 0", prepare},
+        {"rlim_max=-1\nunlimited, exit 0", prepare},
         {"Could not get RLIMIT_CORE\n: Invalid cross-device link\nexit 1", quorvil::coredump::prepare,
          &getrlimit64Fault},
         {"Could not set RLIMIT_CORE\n: Invalid cross-device link\nexit 1", quorvil::coredump::prepare,

@@ -117,10 +117,16 @@ TEST(BitStreams, KeepWhatAFailedByteStreamHasNotTaken)
         {
             ++calls == 2 ? throw std::bad_alloc() : VecByteOutputStream::writeUint8(byte);
         }
+        void reset() override
+        {
+            throw std::bad_alloc();
+        }
         int calls = 0;
     } sink;
     const auto output = BitOutputStream::create(sink);
     EXPECT_THROW(output->write(0, 32, 0x04030201), std::bad_alloc);
+    EXPECT_THROW(output->reset(), std::bad_alloc);
+    BitOutputStream::create(sink)->write(0, 3, 5); // gone without a flush
     output->flush();
     EXPECT_EQ(sink.bytes(), (Bytes{1, 2, 3, 4}));
 }
@@ -144,9 +150,12 @@ TEST(DataDeathTest, CallersFaultsFailTheirAssertions)
         std::string file, function, expression;
     } rows[] = {
         {[&] { bmp::Bitmap(memory, 0, 0, -1); }, "Bitmaps", bitmapText, "widthPixels > 0"},
+        {[&] { bmp::Bitmap(memory, 1, 0, 1); }, "Bitmaps", bitmapText, "heightPixels > 0"},
         {[&] { bmp::Bitmap(memory, 9, 1, 1); }, "Bitmaps", bitmapText, "bytesPerRow >= ((widthPixels + 7) >> 3)"},
         {[&] { bitmap.clip(100, 100, 0, 0); }, "Bitmaps", clip, "x < widthPixels"},
+        {[&] { bitmap.clip(0, 100, 1, 1); }, "Bitmaps", clip, "y < heightPixels"},
         {[&] { bitmap.clip(-5, 0, 5, 0); }, "Bitmaps", clip, "w > 0"},
+        {[&] { bitmap.clip(0, -5, 1, 5); }, "Bitmaps", clip, "h > 0"},
         {[&] { input->read(0); }, "QuorvilBits", "uint64_t bits(uint64_t, int, int)",
          "lowBitIdx >= 0 && lowBitIdx < 64 && bitCount > 0 && bitCount <= 64 - lowBitIdx"},
         {[&] { setBits(word, 1, 32, 0); }, "QuorvilBits", "void setBits(uint32_t&, int, int, uint32_t)",
@@ -184,13 +193,15 @@ TEST(Mystring, EachOperationGivesItsTextAndCountsItself)
     const mywstring wide(std::wstring(standard.begin(), standard.end()));
     std::string movedStandard = standard;
     mystring moved(standard), result;
-    const auto uncounted = [](const mystring& from) { return mystring(from.begin(), from.end()); };
+    const auto uncounted = [](const std::string& from) { return mystring(from.begin(), from.end()); };
     const struct
     {
         std::function<mystring()> act;
         const int* counter; ///< the one that it counts in, if any
         bool allocates = true;
-    } rows[] = {{[&] { return mystring(standard.c_str(), true); }, &mystring::countCharConstr},
+    } rows[] = {{[&] { return uncounted(mystring().append(standard)); }, &mystring::countDefaultConstr},
+                {[&] { return uncounted(mystring::trim("  ", " ").append(standard)); }, &mystring::countCharConstr},
+                {[&] { return mystring(standard.c_str(), true); }, &mystring::countCharConstr},
                 {[&] { return mystring(standard.data(), standard.data() + standard.size()); }, nullptr},
                 {[&] { return mystring(standard.begin(), standard.end()); }, nullptr},
                 {[&] { return mystring(standard); }, &mystring::countCopyCast},
@@ -213,7 +224,7 @@ TEST(Mystring, EachOperationGivesItsTextAndCountsItself)
         EXPECT_EQ(made, standard);
     }
     EXPECT_EQ(mystring::trim(" \xA4x \xC3\xA4", " \xC3\xA4"), "x");
-    EXPECT_EQ(mystring::trim("  ", " ") + mystring::trim(" x ", ""), " x ");
+    EXPECT_EQ(mystring::trim(" x ", ""), " x ");
     mystring left("left ", false);
     std::move(left) + std::move(moved); // appends in place
     EXPECT_EQ(left, "left " + standard);
@@ -242,6 +253,7 @@ TEST(Mywstring, MovesComparesAndRefusesNull)
     text = std::move(second);
     text.toUpperCase();
     EXPECT_TRUE(text.equalsIgnoreCase(first) && !mywstring().equalsIgnoreCase(text));
+    EXPECT_FALSE(mywstring(L"ab").equalsIgnoreCase(mywstring(L"AC")));
     text.toLowerCase();
     EXPECT_TRUE(first == text && other == text && second.empty());
     EXPECT_EQ(allocations.allocations(), 0U);
@@ -310,6 +322,7 @@ TEST(Conversion, ReportsWhereItFailsAndKeepsWhatStandsBefore)
         EXPECT_EQ(wide, row.wide);
         EXPECT_EQ(mbrtowcFault.calls, row.calls);
     }
+    EXPECT_THROW(mywstring(mystring("\xC3", false)), tolmen::Utf8Exception);
 }
 
 TEST(Conversion, OfWideTextDropsWhatTheLocaleCannotExpressAndCaseGoesByTheLocale)
@@ -394,6 +407,10 @@ using quorvil::TextFileDataIO;
 
 constexpr const char* badWrite = "TextFileDataIO: Problem beim Schreiben";
 constexpr const char* badRead = "TextFileDataIO: Problem beim Lesen";
+constexpr const char* notForWriting =
+    "TextFileDataIO has not been opened for writing, but one of the w() method has been called.";
+constexpr const char* notForReading =
+    "TextFileDataIO has not been opened for reading, but one of the r() method has been called.";
 
 std::unique_ptr<TextFileDataIO> forWrite(const std::string& file)
 {
@@ -477,6 +494,41 @@ TEST_F(TextFile, IsReadBackByTheWidthOfItsTarget)
     expectRead<short>("\t\r\n\n 010\n32768\n", {10});
 }
 
+TEST_F(TextFile, NarrowOperationsGoThroughTheWideOnesOfADerivedClass)
+{
+    struct Derived : TextFileDataIO
+    {
+        using TextFileDataIO::TextFileDataIO, TextFileDataIO::w, TextFileDataIO::r;
+        void w(int value) override
+        {
+            written += std::to_string(value) + ' ';
+        }
+        void w(unsigned int value) override
+        {
+            written += std::to_string(value) + "u ";
+        }
+        void r(int& value) override
+        {
+            value = 0x141;
+        }
+        void r(unsigned int& value) override
+        {
+            value = 0x10142;
+        }
+        std::string written;
+    } derived(file);
+    const auto restored = [&io = static_cast<quorvil::IDataIO&>(derived)](auto value) {
+        io.w(value);
+        io.r(value);
+        return int{value};
+    };
+    EXPECT_EQ((std::vector{restored(false), restored('\xFF'), restored(static_cast<signed char>(-1)),
+                           restored(static_cast<unsigned char>(200)), restored(static_cast<unsigned short>(60'000))}),
+              (std::vector{1, 0x41, 0x41, 0x42, 0x142}));
+    EXPECT_THROW(restored(short{-5}), util::GeneralException) << "this one reads by itself";
+    EXPECT_EQ(derived.written, "0 255 -1 200u 60000u -5 ");
+}
+
 TEST_F(TextFile, FailsByTheTextOfItsFailureAndLeavesNothingOpen)
 {
     int value = 3;
@@ -497,10 +549,10 @@ TEST_F(TextFile, FailsByTheTextOfItsFailureAndLeavesNothingOpen)
         {[&] { forRead(missing); }, "Kann nicht von Datei lesen: " + missing},
         {[&] { forWrite(folder.path); }, "Kann nicht in Datei schreiben: " + folder.path},
         {[&] { forRead(folder.path)->r(value); }, badRead},
-        {[&] { forWrite(file)->r(value); },
-         "TextFileDataIO has not been opened for reading, but one of the r() method has been called."},
-        {[&] { forRead(file)->close(), forRead(file)->w(6U); },
-         "TextFileDataIO has not been opened for writing, but one of the w() method has been called."},
+        {[&] { forWrite(file)->r(value); }, notForReading},
+        {[&] { forRead(file)->close(), forRead(file)->w(6U); }, notForWriting},
+        {[&] { TextFileDataIO(file).r(value); }, notForReading},
+        {[&] { TextFileDataIO(file).close(), TextFileDataIO(file).w(6U); }, notForWriting},
         {[&] {
              const auto io = forWrite(file);
              io->close(), io->close(), io->w(8);

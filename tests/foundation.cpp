@@ -1,5 +1,6 @@
 // Foundation: the log frame, failure reports, console streams, times.
 
+#include "Quorvil/EnterIfInteractive.h"
 #include "Quorvil/GeneralException.h"
 #include "Quorvil/NotYetImplemented.h"
 #include "Quorvil/QuorvilIbuf.h"
@@ -29,7 +30,7 @@ SUPPORT_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), n
 namespace {
 
 const timespec* fakeNow = nullptr; ///< what the monotonic clock shows, if set
-std::string calls;                 ///< of `setlocale` and `pthread_setschedparam`, which both fail
+std::string calls; ///< of `setlocale`, which fails, and `pthread_setschedparam`, which knows thread 0 only
 
 } // namespace
 
@@ -49,10 +50,11 @@ __attribute__((visibility("default"))) char* setlocale(int category, const char*
     return nullptr;
 }
 
-__attribute__((visibility("default"))) int pthread_setschedparam(pthread_t, int policy, const sched_param* how) noexcept
+__attribute__((visibility("default"))) int pthread_setschedparam(pthread_t thread, int policy,
+                                                                 const sched_param* how) noexcept
 {
     calls += std::to_string(policy) + " " + std::to_string(how->sched_priority);
-    return EPERM;
+    return thread == 0 ? 0 : EPERM;
 }
 }
 
@@ -114,10 +116,12 @@ TEST(LoggingCall, ReachesTheLogUntilTheConfigurationSilencesAValidIndex)
         EXPECT_EQ(written(someSource::log), row.reaches ? "[Noname Quorvil/Some:12] number 1: text\n" : "");
         EXPECT_EQ(someSource::evaluated, row.reaches);
         EXPECT_EQ(someSource::logGroupIndex, row.reaches ? 0 : row.index);
+        EXPECT_TRUE(!row.reaches || ovxlog::lastCall().groupIndex == row.index) << row.index;
     }
     gl_bOVXLConfigLoaded = 0;
     someSource::logGroupName = "Renamed"; // its slot in LogGroups is read at every call
     EXPECT_EQ(written(someSource::log), "[Renamed Quorvil/Some:12] number 2: text\n");
+    EXPECT_EQ(someSource::logGroupIndex, 1U);
     someSource::logGroupName = "Noname";
     EXPECT_EQ(ovxlog::lastCall().constants, (std::array<int, 4>{1, 1, 1, 0}));
 }
@@ -168,13 +172,19 @@ TEST(Reports, HaveTheirTextsWhateverTheLocaleIsAndNoneWithoutTheLock)
          "Unexpected errno (1234567) P\n"},
         {[] { handled(GeneralExceptionThrower(-1), "EINVAL").writeNow(nullptr, std::cout); },
          "Unexpected errno (-1) \n"},
+        {[] { handled(GeneralExceptionThrower(22), nullptr).writeNow("P", std::cout); }, "\n"},
         {[] { EXPECT_EQ(util::safe("f", "F", 1, -2, true), -2); }, ""},
-        {[] { EXPECT_EQ(util::safe("void f(int)", "Quorvil/F", 1234, -1, false) - errno, -1 - EBADF); },
+        {[] {
+             const int result = util::safe("void f(int)", "Quorvil/F", 1234, -1, false);
+             EXPECT_EQ(result - errno, -1 - EBADF);
+         },
          "void f(int) failed in Quorvil/F:1234 - (9) Bad file descriptor\n", true},
         {[] { perror_errno("open", EINVAL); }, "\n**** ERROR - open: Invalid argument\n\n: Bad file descriptor\n"},
         {[] { perror_errno(nullptr, EINVAL); }, "\n**** ERROR - : Bad file descriptor\n"},
         {[] { quorvil::ibuf::setSchedHighest(pthread_self()); },
          "\n**** ERROR - pthread_setschedparam: Operation not permitted\n\n: Bad file descriptor\n"},
+        {[] { quorvil::ibuf::setSchedHighest(0); }, ""},
+        {[] { safeCout << std::endl; }, "\n", true},
         {[] { safeCerr << "[" << Nested::value << "]"; }, "(inner)\n[outer]", true},
         {[] { safeCerr << "x" << Nested::failure; }, "xthrown: value", true},
         {[] { safeCout << Nested::failure; }, "thrown: value", true},
@@ -190,26 +200,36 @@ TEST(Reports, HaveTheirTextsWhateverTheLocaleIsAndNoneWithoutTheLock)
         EXPECT_EQ(written(row.action), "thrown: Resource temporarily unavailable");
     }
     EXPECT_TRUE(calls.ends_with(std::to_string(SCHED_FIFO) + " 98"));
+    const std::function<void()> throwing[] = {[] { util::safePosix("f", "F", 1, EINVAL); }, [] { nyi::nyi("f"); },
+                                              [] { enterIfInteractive(true, "f"); }};
+    for (const auto& report : throwing) {
+        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
+        EXPECT_EQ(written(report), "thrown: Resource temporarily unavailable");
+    }
 }
 
 TEST(ReportsDeathTest, StandBeforeTheAssertionThatFails)
 {
-    const char *const safeCalls = "Quorvil/SafeLinuxCalls", *const null = nullptr;
+    const char* const null = nullptr;
+    const std::string safeCalls = "Quorvil/SafeLinuxCalls";
+    const std::string safe = support::assertion(safeCalls, "int util::safe(const char*, const char*, int, int, bool)",
+                                                "linuxFuncResult != -1", "32");
+    const std::string safePosix = support::assertion(
+        safeCalls, "int util::safePosix(const char*, const char*, int, int)", "posixFuncResult == 0", "50");
     const struct
     {
         std::function<void()> call;
         std::string report, assertion;
-    } rows[] = {{[] { errno = EBADF, util::safe("f", "F", 12, -1, true); },
-                 "f failed in F:12 - \\(9\\) Bad file descriptor\n",
-                 support::assertion(safeCalls, "int util::safe(const char*, const char*, int, int, bool)",
-                                    "linuxFuncResult != -1", "32")},
-                {[] { util::safePosix("f", "F", 12, EINVAL); }, "f failed in F:12 - \\(22\\) Invalid argument\n",
-                 support::assertion(safeCalls, "int util::safePosix(const char*, const char*, int, int)",
-                                    "posixFuncResult == 0", "50")},
-                {[=] { nyi::nyi(null); }, ">>> NOT YET IMPLEMENTED: ",
-                 support::assertion("Quorvil/NotYetImplemented", "void nyi::nyi(const char*)", "false", "27")}};
+    } rows[] = {
+        {[] { errno = EBADF, util::safe("f", "F", 12, -1, true); }, "f failed in F:12 - \\(9\\) Bad file descriptor\n",
+         safe},
+        {[=] { util::safe(null, "F", 12, -1, true); }, "", safe},
+        {[] { util::safePosix("f", "F", 12, EINVAL); }, "f failed in F:12 - \\(22\\) Invalid argument\n", safePosix},
+        {[=] { util::safePosix("f", null, 12, EINVAL); }, "f failed in ", safePosix},
+        {[=] { nyi::nyi(null); }, ">>> NOT YET IMPLEMENTED: ",
+         support::assertion("Quorvil/NotYetImplemented", "void nyi::nyi(const char*)", "false", "27")}};
     for (const auto& row : rows)
-        EXPECT_DEATH(row.call(), "^" + row.report + ".*" + row.assertion);
+        EXPECT_DEATH(row.call(), "^" + row.report + "[^ ]*" + row.assertion);
 }
 
 TEST(GeneralException, IsSilentWhereThatIsTheDefaultAndTakesNoMemoryForItsText)

@@ -92,6 +92,7 @@ TEST(Load, StampsFirstRidesOutAShortageOfKeysAndReportsAKeyThatFails)
         {ENOMEM, support::always, 0, 0, loaded, "Could not create threadKey! (error: ENOMEM\n)\n"},
         {EPERM, support::always, 0, 0, loaded, "Could not create threadKey! (error: 1)\n"},
         {0, 0, EINVAL, 0, created, "Could not delete threadKey! (error: EINVAL\n)\n"},
+        {0, 0, EPERM, 0, created, "Could not delete threadKey! (error: 1)\n"},
     };
     for (const auto& row : rows) {
         const support::ChildResult child = support::runInChild([&row] {
@@ -109,6 +110,23 @@ TEST(Load, StampsFirstRidesOutAShortageOfKeysAndReportsAKeyThatFails)
         EXPECT_EQ(child.err, row.err);
         EXPECT_EQ(child.status, 0);
     }
+}
+
+TEST(Load, WithoutAKeyStartsNoThread)
+{
+    const support::ChildResult child = support::runInChild([] {
+        createFault.fail(ENOMEM);
+        void* const library = openLibrary();
+        const std::string thread = "_ZN4util15ThreadInternals",
+                          text = "St7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+        void* const make = dlsym(library, (thread + "C1EPNS_6ThreadERKN" + text).c_str());
+        void* const start = dlsym(library, (thread + "5startEiii").c_str());
+        void* const internals = operator new(1024);
+        reinterpret_cast<void (*)(void*, void*, const std::string&)>(make)(internals, nullptr, thread);
+        reinterpret_cast<void (*)(void*, int, int, int)>(start)(internals, -1, -1, -1);
+    });
+    const std::string failed = "void util::ThreadInternals::start(int, int, int): Assertion `keyCreated' failed";
+    EXPECT_NE(child.err.find(failed), std::string::npos) << child.err;
 }
 
 /// The texts of one section of the library, one a pointer-sized slot. For a child: the library stays loaded.

@@ -33,7 +33,9 @@ SUPPORT_INTERPOSE(int, sem_wait, (sem_t * semaphore), (semaphore), )
 SUPPORT_INTERPOSE(int, sem_timedwait, (sem_t * semaphore, const timespec* until), (semaphore, until), )
 SUPPORT_INTERPOSE(int, sem_trywait, (sem_t * semaphore), (semaphore), noexcept)
 SUPPORT_INTERPOSE(int, sem_post, (sem_t * semaphore), (semaphore), noexcept)
-SUPPORT_INTERPOSE(int, sem_getvalue, (sem_t * semaphore, int* value), (semaphore, value), noexcept)
+/// Where the last `sem_getvalue` was to store the value.
+static int* askedValue = nullptr;
+SUPPORT_INTERPOSE(int, sem_getvalue, (sem_t * semaphore, int* value), (semaphore, askedValue = value), noexcept)
 
 using namespace quorvil::sync;
 using namespace quorvil::sync2::intern;
@@ -262,6 +264,19 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
         const Unguard unguard(group, "", 1);
         pthread_mutex_lockFault.fail(EAGAIN);
     };
+    const auto failToLockBehindTheWakeUp = [] {
+        LockGroup own;
+        pthread_cond_waitFault.fail(0, 0, 1, 1);
+        try {
+            Guard user(own, "", 1);
+            pthread_mutex_lockFault.fail(EAGAIN, 0, 2, 1); // behind the condition's
+            user.wait();
+        } catch (const std::system_error&) {
+            std::cerr << (isFree(own) ? "free, " : "held, ");
+        }
+    };
+    Fifo broken;
+    Fifo().moveRange(nullptr, &elements[4], broken, nullptr); // which was not there
     const auto make = [] { WaitCond(); };
     const auto makeMutex = [] { RecursiveMutex(); };
     const auto failed = [](const std::string& at, const std::string& function, const std::string& expression) {
@@ -277,15 +292,22 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
     const std::string move =
         "sync2::intern::Fifo::moveRange(" + e + ", " + e + ", quorvil::sync2::intern::Fifo&, " + e + ")";
     const std::string home = "sync2::intern::Element::goBackToPool(quorvil::sync::Guard&)";
+    const std::string all = "sync2::intern::Fifo::allBackToPools(quorvil::sync::Guard&)";
     support::expectOutcomes({
         {failed("LockGroup:136", lock, "file"), [&] { group.lock(nullptr, 1); }},
         {failed("LockGroup:137", lock, "line > 0"), [&] { group.lock("", 0); }},
         {failed("LockGroup:150", unlock, "file"), [&] { group.unlock(nullptr, 1); }},
         {failed("LockGroup:151", unlock, "line > 0"), [&] { group.unlock("", 0); }},
         {failed("2Intern:66", push, "!e->next"), [&] { list.pushBack(&elements[0]); }},
+        {failed("2Intern:74", push, "dbgInvariant()"), [&] { broken.pushBack(&elements[5]); }},
+        {failed("2Intern:110", all, "dbgInvariant()"), [&] { broken.allBackToPools(guard); }},
+        {failed("2Intern:182", move, "dbgInvariant()"),
+         [&] { Fifo().moveRange(&elements[5], &elements[6], broken, nullptr); }},
         {failed("2Intern:119", move, "fromUntilThis"), [&] { list.moveRange(nullptr, nullptr, list, nullptr); }},
         {failed("2Intern:187", home, "pool"), [&] { elements[5].goBackToPool(guard); }},
+        {"terminate called", [&] { const PoolAccess twice[] = {{guard, &elements[0]}, {guard, &elements[0]}}; }},
         {"terminate called", failToLockAgain},
+        {"free, exit 0", failToLockBehindTheWakeUp},
         {"null", [&] { Guard(group, nullptr, 1); }},
         {"Invalid cross-device linkexit 0", [&] { Guard(group, "", 1); }, &pthread_mutex_lockFault},
         {"Invalid cross-device linkexit 0", [&] { guard.wait(); }, &pthread_mutex_lockFault},
@@ -305,6 +327,11 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
         {"% in sem_wait of CountingSemaphore::wait", [&] { none.timedwait({}); }, &sem_timedwaitFault,
          "EDEADLK EINTR EINVAL"},
         {"% in sem_trywait in CountingSemaphore::tryDown", [&] { none.tryDown(); }, &sem_trywaitFault, "EDEADLK EINTR"},
+        {"EINVVAL in sem_trywait in CountingSemaphore::tryDown",
+         [&] {
+             sem_trywaitFault.fail(-1, EINVAL);
+             none.tryDown();
+         }},
         {reported("", "CountingSemaphore(int)", "32 - (22)"), [] { CountingSemaphore(-1); }},
         {reported("virtual ", "~CountingSemaphore()", "59 - (18)"), destroyUnderAWaiter, &sem_postFault},
         {reported("virtual ", "~CountingSemaphore()", "78 - (18)"), [] { CountingSemaphore(0); }, &sem_destroyFault},
@@ -419,6 +446,16 @@ TEST(CountingSemaphore, EndsBehindWaitersThatAreHeldUpBeforeOrBehindTheirCall)
     waiters.clear();
 }
 
+TEST(CountingSemaphore, CountsOutAWaiterThatIsCancelled)
+{
+    CountingSemaphore semaphore(0); // its destructor waits for those that are counted
+    sem_waitFault.calls = 0;
+    std::thread waiter([&] { semaphore.wait(); });
+    support::awaitCalls(sem_waitFault, 1);
+    pthread_cancel(waiter.native_handle());
+    waiter.join();
+}
+
 TEST(CountingSemaphore, IsDestroyedUnderManyWaitersThousandsOfTimes)
 {
     for (int round = 0; round < 2000 * support::stressFactor(); ++round) {
@@ -474,6 +511,8 @@ TEST_F(Synchronisation, WithoutContentionTakesNoMemoryAndMakesNoSystemCall)
     semaphore.post();
     const FaultScope signalled(sem_waitFault, -1, EINTR, 1, 2);
     EXPECT_EQ(endOf(semaphore, none), "counted");
+    const HookScope tellsWaiters(sem_getvalueFault, {}, [] { *askedValue = -1; });
+    EXPECT_EQ(semaphore.getValue(), 0);
 }
 
 TEST(InitCondVar, HoldsThreadsWithALineAtEachWakeUpUntilItOpensForGood)
@@ -482,13 +521,14 @@ TEST(InitCondVar, HoldsThreadsWithALineAtEachWakeUpUntilItOpensForGood)
     std::atomic<bool> opened{false};
     testing::internal::CaptureStderr();
     const FaultScope wakesAtOnce(pthread_cond_waitFault, 0, 0, 1, 2);
-    const std::jthread waiter([&] {
+    const auto wait = [&] {
         gate.waitUntilInitialized("feeder");
         EXPECT_TRUE(opened);
-    });
-    support::awaitCalls(pthread_cond_waitFault, 3);
+    };
+    const std::jthread waiters[] = {std::jthread(wait), std::jthread(wait)};
+    support::awaitCalls(pthread_cond_waitFault, 4);
     const std::string line = "feeder is being blocked until motor has been initialized!\n";
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line + line);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line + line + line);
     for (const int call : {1, 2, 3}) { // the gate's mutex, the console's, the condition's
         const FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, call, 1);
         EXPECT_THROW(gate.waitUntilInitialized(nullptr), std::system_error);

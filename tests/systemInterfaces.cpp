@@ -34,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+SUPPORT_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), noexcept)
 SUPPORT_INTERPOSE(int, socket, (int domain, int type, int protocol), (domain, type, protocol), noexcept)
 SUPPORT_INTERPOSE(int, bind, (int fd, const sockaddr* address, socklen_t length), (fd, address, length), noexcept)
 SUPPORT_INTERPOSE(int, listen, (int fd, int backlog), (fd, backlog), noexcept)
@@ -224,9 +225,8 @@ TEST_F(Sockets, AreNotMadeByHalves)
                                                    " error failed: Input/output error\n$"));
     }
     EXPECT_EQ(messageAt(socketFault, -1, EMFILE, connectOne), "socket failed: Too many open files");
-    EXPECT_EQ(messageAt(gethostbyname_rFault, ENOENT, 0, connectOne),
-              "gethostbyname failed: No such file or directory");
-    EXPECT_EQ(messageOf([] { Socket::create("::1", 0); }), "gethostbyname failed: Unknown host");
+    EXPECT_EQ(messageAt(gethostbyname_rFault, EIO, 0, connectOne), "gethostbyname failed: Input/output error");
+    EXPECT_EQ(messageOf([] { Socket::create("::1", 0); }), "gethostbyname failed: No such file or directory");
     EXPECT_EQ(messageAt(gethostbyname_rFault, ERANGE, 0, [&] { Socket::create("localhost", port + 0x10000); }), "");
     server->close();
     for (int i = 0; i < 300; ++i)
@@ -362,6 +362,7 @@ TEST(MyPipeDeathTest, FailedCallsEndTheProcess)
     };
     EXPECT_DEATH(runWith(pipe2Fault), fatal(constructor, EINTR));
     EXPECT_DEATH(runWith(forkFault), fatal(constructor, EINTR));
+    EXPECT_DEATH(runWith(closeFault), fatal(constructor, EINTR));
     EXPECT_DEATH(runWith(waitpidFault), fatal("int util::MyPipe::waitForChild()", EINTR));
     EXPECT_DEATH(util::dumpStream("heading", -1), fatal("void util::dumpStream(const string&, int)", EBADF));
     EXPECT_DEATH(close(MyPipe("exit 0").childStdout()), fatal("virtual util::MyPipe::~MyPipe()", EBADF));
@@ -585,6 +586,25 @@ TEST(Drive, KeepsWhatInitWasGivenAndHasAFolderForUpperCaseLettersAlone)
         else
             EXPECT_THROW(one.getRootPath(), std::out_of_range) << letter;
     }
+}
+
+TEST(SystemInterfaces, ThrowWhereTheirMutexCannotBeLocked)
+{
+    ovxfs::DriveVm drive;
+    ovxfs::CurDrive current;
+    std::string dir = "as before";
+    const auto server = ServerSocket::create(0);
+    const Action calls[] = {[&] { drive.setCurDir("x"); },     [&] { drive.getCurDir(dir); },
+                            [&] { current.setStdDrive('B'); }, [&] { current.getStdDrive(); },
+                            [&] { server->accept(); },         [&] { server->close(); }};
+    for (const Action& call : calls) {
+        const FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
+        EXPECT_THROW(call(), std::system_error);
+    }
+    EXPECT_EQ(dir + current.getStdDrive(), "as beforeA");
+    drive.getCurDir(dir);
+    EXPECT_EQ(dir, "");
+    server->close();
 }
 
 std::multiset<std::string> namesIn(const std::string& path)

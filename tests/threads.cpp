@@ -160,7 +160,11 @@ TEST(Thread, OutWritesItsPrefixAndMsleepAsksForItsTime)
 {
     testing::internal::CaptureStdout();
     Body([](Body&) {}).out() << "x";
-    EXPECT_TRUE(std::regex_match(testing::internal::GetCapturedStdout(), std::regex(R"(\[body \d+\.\d{3}\] x)")));
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\[body \d+\.\d{3}\] x)")));
+    util::TimeSpec now;
+    now.initNow(CLOCK_MONOTONIC);
+    EXPECT_LE(std::stod(text.substr(6)), std::stod(now.toShortString()));
     const FaultScope noSleep(nanosleepFault, 0);
     util::Thread::msleep(61'001);
     EXPECT_TRUE(support::askedPause.tv_sec == 61 && support::askedPause.tv_nsec == 1'000'000);
@@ -238,6 +242,8 @@ TEST(WaitThread, MakesOneCallForAllNotificationsSinceTheLastOne)
     thread.notify();
     support::awaitCalls(pthread_cond_waitFault, 2);
     EXPECT_EQ(handler.calls, 2);
+    const FaultScope noLock(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
+    EXPECT_THROW(thread.notify(), std::system_error);
 }
 
 TEST(PollingThread, PollsFromStartToStopWithAPauseBeforeEachCall)
@@ -266,6 +272,10 @@ TEST(PollingThread, PollsFromStartToStopWithAPauseBeforeEachCall)
     thread.start();
     support::awaitCalls(pthread_cond_waitFault, 3);
     EXPECT_EQ(handler.calls, 4);
+    for (const auto request : {&PollingThread::start, &PollingThread::stop}) {
+        const FaultScope noLock(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
+        EXPECT_THROW((thread.*request)(), std::system_error);
+    }
 }
 
 TEST(PollingThread, PausesInSecondsAndNanosecondsAndGoesOnWithTheRestAfterASignal)
@@ -363,6 +373,10 @@ TEST(Threads, MisuseAndFailedCallsHaveTheirTexts)
     };
     Handler<IWaitThreadHandler> waiting;
     Handler<IPollingThreadHandler> polling;
+    const auto endWithoutLock = [](const auto& /*asleep*/) {
+        support::awaitCalls(pthread_cond_waitFault, 1); // and will ask for no lock
+        pthread_mutex_lockFault.fail(EAGAIN, 0, 1, 1);
+    };
     const std::string start = ": void util::ThreadInternals::start(int, int, int): Assertion `";
     const std::string handler = "Handler*): Assertion `nullptr != handler'";
     const std::string crossed = "Invalid cross-device linkexit 0";
@@ -382,6 +396,8 @@ TEST(Threads, MisuseAndFailedCallsHaveTheirTexts)
          [] { PollingThread(nullptr, 1); }},
         {": void NonLockingWaitThreadBase::start(INonLockingWaitThreadHandler*, int): Assertion `nullptr",
          [] { Worker().start(nullptr, 1); }},
+        {"terminate called", [&] { endWithoutLock(WaitThread(&waiting)); }},
+        {"terminate called", [&] { endWithoutLock(PollingThread(&polling, 1)); }},
         {crossed, [&] { WaitThread{&waiting}; }, &pthread_createFault},
         {crossed, [&] { PollingThread(&polling, 1); }, &pthread_createFault},
         {crossed, [] { quorvil::test::AsyncInput(); }, &pthread_createFault},
@@ -417,6 +433,9 @@ TEST(AsyncInput, ReadsALineWhileTheCallerGoesOnAndWaitsForItAtTheLatestAtItsEnd)
     {
         quorvil::test::AsyncInput input;
         EXPECT_FALSE(input.done());
+        pthread_cond_waitFault.calls = 0;
+        const std::jthread waiters[] = {std::jthread([&] { input.wait(); }), std::jthread([&] { input.join(); })};
+        support::awaitCalls(pthread_cond_waitFault, 2);
         person.returnKey.open();
         input.wait();
         EXPECT_TRUE(input.done() && input.join() == "yes" && input.join() == "yes");
@@ -435,16 +454,38 @@ TEST(AsyncInput, ReadsALineWhileTheCallerGoesOnAndWaitsForItAtTheLatestAtItsEnd)
     support::awaitThreads(before);
 }
 
+TEST(AsyncInput, KeepsWhatTheStreamThrowsToItselfAndSignalsNothing)
+{
+    const auto before = support::threadCount();
+    static std::istream& in = *new std::istringstream; // which is never ended: no lock orders that behind the task
+    in.exceptions(std::ios::failbit);
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool finished = false;
+    std::string input = "as before";
+    pthread_cond_broadcastFault.calls = 0;
+    quorvil::test::asyncInput(in, mutex, cond, finished, input);
+    support::awaitThreads(before);
+    EXPECT_TRUE(!finished && input == "as before" && pthread_cond_broadcastFault.calls == 0);
+}
+
 TEST(TestThreadState, CountsChecksAndTellsEachLineFlushedUnderItsRecursiveLock)
 {
     struct CallsBack : std::stringbuf
     {
         int sync() override
         {
+            // The mutex stands behind its virtual functions, and these behind the state's and the number.
+            void* const mutex = reinterpret_cast<void**>(&state) + 3;
+            std::thread([&, native = static_cast<pthread_mutex_t*>(mutex)] {
+                if (pthread_mutex_trylock(native) == 0)
+                    isHeld = pthread_mutex_unlock(native) != 0;
+            }).join();
             return state.inc() < 0;
         }
 
         util::TestThreadState state{"feed"};
+        bool isHeld = true;
     } buffer;
     util::TestThreadState& state = buffer.state;
     std::ostream os(&buffer);
@@ -454,7 +495,7 @@ TEST(TestThreadState, CountsChecksAndTellsEachLineFlushedUnderItsRecursiveLock)
     EXPECT_TRUE(state.checkState1(4, os));
     EXPECT_FALSE(state.checkState1(3, os) || state.incAndCheckState1(5, os));
     state.reset();
-    EXPECT_EQ(state.get(), 0);
+    EXPECT_TRUE(state.get() == 0 && buffer.isHeld);
     EXPECT_EQ(buffer.str(), "Inc feed to 1\nInc feed to 3\nState feed == 4 is true!\nInc feed to 6\n");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "** Unexpected state feed: 5 instead of 3\n"
@@ -476,7 +517,7 @@ TEST(ThreadsAndTimers, TakeNoMemoryWhereARealTimeThreadMayCallThem)
     polling.setInterval(2000);
     const quorvil::LinuxTimer linuxTimer; // LinuxTimer() makes no call
     timer.setCallback(nullptr);
-    const util::TestSleeps sleeps(5); // TestSleeps() stores its number
+    const util::TestSleeps sleeps(5);
     const bool exact = worker.stopRequested() && !worker.handler() && !timer.getCallback() && !body.getState();
     EXPECT_TRUE(exact && !util::Thread::current() && count.allocations() + count.releases() == 0);
 }

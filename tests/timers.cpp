@@ -2,31 +2,45 @@
 
 #include "Quorvil/QuorvilLinuxTimer.h"
 #include "Quorvil/QuorvilPeriodicTimer.h"
+#include "siblings/OvxLog/OvxLog.h"
 #include "tests/support/child.h"
 #include "tests/support/environment.h"
 #include "tests/support/threadCreation.h"
 
 #include <climits>
+#include <csignal>
 #include <gmock/gmock.h>
 #include <memory>
 
-SUPPORT_INTERPOSE(int, timer_create, (clockid_t clock, sigevent* event, timer_t* timer), (clock, event, timer),
-                  noexcept)
 SUPPORT_INTERPOSE(int, timer_delete, (timer_t timer), (timer), noexcept)
+constinit support::Fault timer_createFault{"timer_create"};
 constinit support::Fault timer_settimeFault{"timer_settime"};
 
-/// What the timers were set to: seconds and nanoseconds of the first expiry and of the period.
-static std::string askedTimes;
+/// What this thread asked of the timers: their clocks, and seconds and nanoseconds of first expiries and of periods.
+static thread_local std::string asked;
 
-extern "C" __attribute__((visibility("default"))) int timer_settime(timer_t timer, int flags, const itimerspec* times,
-                                                                    itimerspec* before) noexcept
+extern "C" {
+
+__attribute__((visibility("default"))) int timer_create(clockid_t clock, sigevent* event, timer_t* timer) noexcept
+{
+    if (timer_createFault.strikes())
+        return -1;
+    asked += std::to_string(clock) + (event->sigev_notify == SIGEV_THREAD ? "" : " by signal") +
+             (event->sigev_notify_attributes ? " with attributes: " : ": ");
+    return support::real<decltype(&timer_create)>("timer_create")(clock, event, timer);
+}
+
+__attribute__((visibility("default"))) int timer_settime(timer_t timer, int flags, const itimerspec* times,
+                                                         itimerspec* before) noexcept
 {
     if (timer_settimeFault.strikes())
         return -1;
+    asked += flags == 0 ? "" : "absolute ";
     for (const long number :
          {times->it_value.tv_sec, times->it_value.tv_nsec, times->it_interval.tv_sec, times->it_interval.tv_nsec})
-        askedTimes += std::to_string(number) + " ";
+        asked += std::to_string(number) + " ";
     return support::real<decltype(&timer_settime)>("timer_settime")(timer, flags, times, before);
+}
 }
 
 namespace {
@@ -40,7 +54,7 @@ TEST(LinuxTimer, ReplacesTimerAndFunctionAndAsksNothingWhileThereIsNoTimer)
     std::string expired;
     timer_createFault.fail(0, 0, 1, 0);
     timer_deleteFault.fail(0, 0, 1, 0);
-    askedTimes.clear();
+    asked.clear();
     {
         LinuxTimer timer;
         const auto useAll = [&] {
@@ -58,7 +72,7 @@ TEST(LinuxTimer, ReplacesTimerAndFunctionAndAsksNothingWhileThereIsNoTimer)
         timer.create({});
         EXPECT_THROW(useAll(), std::bad_function_call);
     }
-    EXPECT_EQ(askedTimes, "3600 2 3 4 0 0 0 0 0 0 0 0 0 0 0 0 3600 2 3 4 0 0 0 0 0 0 0 0 ");
+    EXPECT_EQ(asked, "1: 3600 2 3 4 0 0 0 0 0 0 0 0 1: 0 0 0 0 1: 3600 2 3 4 0 0 0 0 0 0 0 0 ");
     EXPECT_TRUE(timer_createFault.calls == 3 && timer_deleteFault.calls == 3);
     EXPECT_EQ(expired, "first ");
 }
@@ -80,7 +94,7 @@ struct Callback : quorvil::TimerCallback
 
 TEST(PeriodicTimer, AsksForItsPeriodTwiceAndTellsEachFailureByALine)
 {
-    askedTimes.clear();
+    asked.clear();
     testing::internal::CaptureStdout();
     Callback callback([] {});
     PeriodicTimer timer;
@@ -101,8 +115,8 @@ TEST(PeriodicTimer, AsksForItsPeriodTwiceAndTellsEachFailureByALine)
               "PeriodicTimer::startTimer: failed\n\nPeriodicTimer::startTimer: no callback defined\n\n"
               "PeriodicTimer::stopTimer: no callback defined\n\nPeriodicTimer: Could not create the thread\n"
               "PeriodicTimer::startTimer: failed\n\nPeriodicTimer::stopTimer: failed\n\n");
-    EXPECT_EQ(askedTimes, "1 500000000 1 500000000 2147 483647000 2147 483647000 0 0 0 0 0 -1000 0 -1000 "
-                          "1000 0 1000 0 0 0 0 0 ");
+    EXPECT_EQ(asked, "1 with attributes: 1 500000000 1 500000000 2147 483647000 2147 483647000 0 0 0 0 0 -1000 0 -1000 "
+                     "1000 0 1000 0 0 0 0 0 1 with attributes: ");
 }
 
 TEST(PeriodicTimer, ExpiresUnderTheOneLockAndGivesItBack)
@@ -135,12 +149,30 @@ TEST(LinuxTimer, LogsEachFailedCallAndEndsTheProcess)
             use(timer);
         };
     };
+    // The log's gate is shut at the first abort, which tries again.
+    const auto failAgain = [] {
+        static LinuxTimer timer;
+        const auto shutGate = [](int) {
+            std::signal(SIGABRT, SIG_DFL);
+            gl_bOVXLConfigLoaded = 1;
+            for (int i = 0; i < 64; ++i)
+                gl_psOvxLogGrpCfgTable[i].logEnabled = 0;
+            std::fputs("silent, ", stderr);
+            timer_settimeFault.fail(-1, EXDEV);
+            timer.cancel();
+            syscall(SYS_exit_group, 0);
+        };
+        std::signal(SIGABRT, shutGate);
+        timer.create([] {});
+        timer.cancel();
+    };
     const std::string at = "[Noname Quorvil/QuorvilLinuxTimer:";
     const std::string end = " failed: Invalid cross-device link\nkilled by 6";
     support::expectOutcomes({
         {at + "72] timer_create" + end, made([](LinuxTimer&) {}), &timer_createFault},
         {at + "96] timer_settime" + end, made([](LinuxTimer& timer) { timer.start(1, 0, 0, 0); }), &timer_settimeFault},
         {at + "111] timer_settime" + end, made([](LinuxTimer& timer) { timer.cancel(); }), &timer_settimeFault},
+        {": Invalid cross-device link\nsilent, killed by 6", failAgain, &timer_settimeFault},
         {at + "129] timer_delete" + end, made([](LinuxTimer&) {}), &timer_deleteFault},
     });
 }

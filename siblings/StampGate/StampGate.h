@@ -6,22 +6,12 @@
 
 extern "C" {
 
-/// Takes a stamp number. The real library checks it; the stand-in remembers it and the number of calls.
+/// Takes a stamp number. The real library checks it; the stand-in does not look at it.
 ///
 /// @param stamp  Quorvil passes 52, once, before any object of its own exists
 /// @return 0; the caller relies on the return alone
 /// @threads any   @realtime bounded
 __attribute__((visibility("default"))) int stampGate(int stamp);
-
-/// How often `stampGate` was called in this process.
-///
-/// @threads any   @realtime bounded
-__attribute__((visibility("default"))) int stampGateCalls();
-
-/// The number that the last call of `stampGate` brought; 0 before the first.
-///
-/// @threads any   @realtime bounded
-__attribute__((visibility("default"))) int stampGateLast();
 }
 
 #endif
