@@ -123,11 +123,12 @@ int JobStore::nextToPrint()
 void JobStore::finish(int id, const std::string& state, const std::string& message)
 {
     const util::Lock lock(mutex);
+    // First, so that it is known whatever fails below.
+    unsaved[id] = {state, message};
     inWork.erase(id);
     held.erase(id);
     jobLeaves();
-    if (!save(id, {state, message}))
-        unsaved[id] = {state, message};
+    saveUnsaved();
 }
 
 bool JobStore::hold(int id, const std::string& message)
