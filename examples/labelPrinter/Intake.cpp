@@ -58,11 +58,12 @@ void Intake::stop()
     } catch (const net::SocketException& trouble) {
         tell(trouble.getMessage());
     }
+    // First the listener: a client that it has just accepted is to hear from its line that the printer is stopping.
+    if (std::exchange(started, false))
+        join();
     for (auto& line : lines)
         if (line)
             line->stop();
-    if (std::exchange(started, false))
-        join();
     watch.reset();
     for (auto& line : lines)
         line.reset();
