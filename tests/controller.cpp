@@ -189,7 +189,11 @@ TEST_F(Controller, PrintsTheShippedJobOverTcpAndKeepsItOverARestart)
     ASSERT_TRUE(printer->says("job 1 printed: "));
     EXPECT_EQ(printer->end(SIGTERM), 0);
     EXPECT_TRUE(job(1) == pictures);
+    // Of what stands beside the results, only what a killed printer has left is removed.
+    put(folder / "state/out/mine.tmp", "");
+    put(folder / "state/out/job-9.pbm.tmp77", "");
     ASSERT_TRUE(start());
+    EXPECT_EQ(outNames().size(), 4U);
     EXPECT_EQ(hear(clientAt(port, shipping + "title \"gr\xC3\xBC\xC3\x9F Gott, ihr Leute da\"\nend\n")),
               "accepted 2\n");
     ASSERT_TRUE(printer->says("job 2 'GR\xC3\x9C\xC3\x9F GOTT, IHR LEUTE' printed: "));
@@ -209,10 +213,18 @@ TEST_F(Controller, RefusesWithItsReasonAndGoesOn)
     mkfifo((folder / "drives/A/pipe").c_str(), 0600);
     put(folder / "state/spool/dot.pbm", "P1 1 1 1");
     put(folder / "state/spool/c.label", "page 8 8\nfill\n");
+    put(folder / "state/spool/d.label", "");
+    fs::create_directory(folder / "state/spool/d.reason");
     ASSERT_TRUE(start());
     ASSERT_TRUE(printer->says("/spool/c.label:2: expected 'fill X Y WIDTH HEIGHT'"));
+    ASSERT_TRUE(printer->says("/spool/d.reason: Is a directory"));
     const int silent = clientAt(port, "page 8 8\n");
     const std::string head = "page 8 8\nimage ";
+    // Of the longest job there is, no byte too many.
+    std::string longest(1 << 20, '#');
+    for (size_t i = 1023; i < longest.size(); i += 1024)
+        longest[i] = '\n';
+    longest.replace(0, 22, "page 8 8\nfill 0 0 1 1\n") += "end\r\n";
     const struct
     {
         std::string job, answer;
@@ -229,15 +241,16 @@ TEST_F(Controller, RefusesWithItsReasonAndGoesOn)
         {head + "A: 0 0", "refused: job:2: A:: is no regular file"},
         {"page 8 8\ntitle a\xFF", "refused: job:2: the title is no UTF-8 text"},
         {"page 8 8\ntitle a\x7F", "refused: job:2: the title holds control characters"},
-        {std::string((1 << 20) + 1, '\n'), "refused: the job is longer than 1048576 bytes"},
+        {longest, "accepted 3"},
+        {"\n" + longest, "refused: the job is longer than 1048576 bytes"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(answer(row.job), row.answer + "\n") << row.job.substr(0, 80);
     put(folder / "state/spool/b.label", "page 8 8\nimage dot.pbm 0 0\n");
-    ASSERT_TRUE(printer->says("job 3 printed: "));
+    ASSERT_TRUE(printer->says("job 4 printed: "));
     EXPECT_EQ(hear(silent), "refused: nothing came for 5 seconds\n");
     EXPECT_EQ(printer->end(SIGHUP), 0) << printer->log;
-    for (const int number : {1, 2, 3})
+    for (const int number : {1, 2, 3, 4})
         EXPECT_EQ(job(number), expected("page 8 8\nfill 0 0 1 1")) << number;
     EXPECT_TRUE(fs::exists(folder / "state/spool/b.accepted") && fs::exists(folder / "state/spool/c.refused"));
     EXPECT_THAT(bytesOf(folder / "state/spool/c.reason"), HasSubstr("expected 'fill X Y WIDTH HEIGHT'\n"));

@@ -55,6 +55,7 @@ void Spool::event()
                 (done == settled.end() || !(done->second == version)))
                 take(name);
         }
+        std::erase_if(settled, [&now](const auto& entry) { return !now.contains(entry.first); });
         seen = std::move(now);
     } catch (const std::exception& trouble) {
         tell(trouble.what());
@@ -89,9 +90,20 @@ void Spool::take(const std::string& name)
             return;
         }
         safeCerr << "labelPrinter: refused: " << printable(reason.what()) << std::endl;
-        std::ofstream(path.substr(0, path.size() - jobEnding().size()) + ".reason") << printable(reason.what()) << "\n";
+        writeReason(path, printable(reason.what()));
         settle(name, ".refused");
     }
+}
+
+void Spool::writeReason(const std::string& path, const std::string& reason)
+{
+    const std::string target = path.substr(0, path.size() - jobEnding().size()) + ".reason";
+    errno = 0;
+    std::ofstream file(target);
+    file << reason << "\n";
+    file.close();
+    if (!file)
+        tell(systemFailure(target, errno).what());
 }
 
 void Spool::settle(const std::string& name, const std::string& ending)

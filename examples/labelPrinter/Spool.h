@@ -46,6 +46,7 @@ private:
 
     Versions look();
     void take(const std::string& name);
+    void writeReason(const std::string& path, const std::string& reason);
     void settle(const std::string& name, const std::string& ending);
     void tell(const std::string& trouble);
 

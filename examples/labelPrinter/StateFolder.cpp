@@ -20,7 +20,9 @@ bool isTemporary(const std::string& name)
 {
     const std::string mark = ".tmp";
     const size_t at = name.rfind(mark);
-    return at != std::string::npos && name.find_first_not_of("0123456789", at + mark.size()) == std::string::npos;
+    if (at == std::string::npos || at + mark.size() == name.size())
+        return false;
+    return name.find_first_not_of("0123456789", at + mark.size()) == std::string::npos;
 }
 
 /// Locks the file for this process. A child that it forks, for a core dump, does not inherit the lock.
