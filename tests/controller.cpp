@@ -418,7 +418,7 @@ TEST(Engine, FeedsAPageWithoutTakingMemory)
         const support::AllocationCount count;
         engine.waitOnce();
         EXPECT_EQ(count.allocations() + count.releases(), 0U);
-        EXPECT_EQ(engine.position().pos, 600 * fed);
+        EXPECT_EQ(engine.state().position.pos, 600 * fed);
         EXPECT_EQ(flow.toOutput().pop()->dots, 77U);
     }
 }

@@ -39,9 +39,10 @@ Controller::Controller(const ServiceOptions& options)
     , store(folder.database())
     , times(options.times)
     , gate("the printer")
-    , output(flow, store, folder, status, times, gate)
+    , notifier(options.notify)
+    , output(flow, store, folder, status, times, gate, notifier)
     , engine(flow, gate)
-    , worker(store, drives, flow, output, status, times)
+    , worker(store, drives, flow, output, status, times, notifier)
     , workerThread(std::in_place, &worker)
     , desk(drives, store, status, *workerThread)
     , intake(options.port, desk, status, gate)
@@ -49,6 +50,8 @@ Controller::Controller(const ServiceOptions& options)
     , sensor(engine, flow, status, store, *workerThread)
     , heartbeatSeconds(options.heartbeatSeconds)
 {
+    if (options.console)
+        console.emplace(status);
 }
 
 Controller::~Controller()
@@ -64,9 +67,13 @@ void Controller::start()
     spoolThread.emplace(&spool, Spool::intervalMicroseconds);
     sensorThread.emplace(&sensor, Sensor::intervalMicroseconds);
     heartbeat.emplace(status, heartbeatSeconds);
+    if (console)
+        consoleThread.emplace(&*console, Console::intervalMicroseconds);
     gate.setInitialized();
     spoolThread->start();
     sensorThread->start();
+    if (consoleThread)
+        consoleThread->start();
     workerThread->notify();
 }
 
@@ -76,12 +83,14 @@ void Controller::stop()
     gate.setInitialized();
     interrupt();
     heartbeat.reset();
+    consoleThread.reset();
     intake.stop();
     spoolThread.reset();
     sensorThread.reset();
     workerThread.reset();
     engine.stop();
     output.stop();
+    notifier.stop();
     store.giveBackAll();
     times.close();
 }

@@ -3,6 +3,8 @@
 #ifndef LABELPRINTER_SENSOR_H
 #define LABELPRINTER_SENSOR_H
 
+#include "FeedSpeed.h"
+
 #include "Quorvil/PollingThread.h"
 
 class WaitThread;
@@ -34,6 +36,7 @@ private:
     Status& status;
     JobStore& store;
     WaitThread& worker;
+    FeedSpeed speed;
     bool warned = false;
     int looks = 0;
 };

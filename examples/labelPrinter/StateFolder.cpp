@@ -2,6 +2,7 @@
 
 #include "Failure.h"
 
+#include "Quorvil/QuorvilIbuf.h"
 #include "Quorvil/ScanDir.h"
 
 #include <cerrno>
@@ -44,7 +45,7 @@ int lockFile(const std::string& path)
     const std::string number = std::to_string(getpid()) + "\n";
     // The number is for people: without it the lock is one all the same.
     if (ftruncate(descriptor, 0) != 0 || write(descriptor, number.data(), number.size()) < 0)
-        errno = 0;
+        quorvil::ibuf::perror_errno(path.c_str(), errno);
     return descriptor;
 }
 

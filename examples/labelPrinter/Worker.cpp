@@ -5,6 +5,7 @@
 #include "Interrupt.h"
 #include "JobDesk.h"
 #include "NamedThread.h"
+#include "Notifier.h"
 #include "Output.h"
 #include "PageFlow.h"
 #include "Progress.h"
@@ -19,13 +20,14 @@
 namespace labelPrinter {
 
 Worker::Worker(JobStore& theStore, const Drives& theDrives, PageFlow& theFlow, const Output& theOutput,
-               Status& theStatus, TimeRecords& theTimes)
+               Status& theStatus, TimeRecords& theTimes, Notifier& theNotifier)
     : store(theStore)
     , drives(theDrives)
     , flow(theFlow)
     , output(theOutput)
     , status(theStatus)
     , times(theTimes)
+    , notifier(theNotifier)
 {
 }
 
@@ -57,8 +59,9 @@ void Worker::print(const StoredJob& stored)
         }
         // It was right when it was accepted, and is not any more: its pictures have changed.
         store.finish(stored.id, "failed", why);
-        status.jobFailed();
+        status.jobFailed(stored.id);
         safeCerr << "labelPrinter: job " << stored.id << " failed: " << why << std::endl;
+        notifier.jobLeft(stored.id, "failed");
     } catch (const std::exception& lackOfMemory) {
         hold(stored.id, lackOfMemory.what());
     }

@@ -13,6 +13,7 @@
 namespace labelPrinter {
 
 class Drives;
+class Notifier;
 class Output;
 class PageFlow;
 class Status;
@@ -23,9 +24,9 @@ class TimeRecords;
 class Worker : public IWaitThreadHandler
 {
 public:
-    /// @param store, drives, flow, output, status, times  not owned, outlive this object
+    /// @param store, drives, flow, output, status, times, notifier  not owned, outlive this object
     Worker(JobStore& store, const Drives& drives, PageFlow& flow, const Output& output, Status& status,
-           TimeRecords& times);
+           TimeRecords& times, Notifier& notifier);
 
     void event() override;
 
@@ -40,6 +41,7 @@ private:
     const Output& output;
     Status& status;
     TimeRecords& times;
+    Notifier& notifier;
     int run = 0;
 };
 
