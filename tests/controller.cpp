@@ -204,8 +204,7 @@ TEST_F(Controller, StopsInGoodOrderInEveryState)
 {
     ASSERT_TRUE(start());
     Printer second(service());
-    EXPECT_TRUE(second.says("another printer uses this folder"));
-    EXPECT_EQ(second.end(0), 1);
+    EXPECT_TRUE(second.says("another printer uses this folder") && second.end(0) == 1) << second.log;
     Printer third(service() + " --state " + folder / "other");
     ASSERT_TRUE(third.says(": bind failed: Address already in use; trying again every second"));
     EXPECT_EQ(third.end(SIGHUP), 0) << third.log;
@@ -220,14 +219,12 @@ TEST_F(Controller, StopsInGoodOrderInEveryState)
 
     // A job waits, and this one cannot start.
     Printer fourth(service() + " --spool " + folder / "none/spool");
-    EXPECT_TRUE(fourth.says("none/spool: No such file or directory"));
-    EXPECT_EQ(fourth.end(0), 1);
+    EXPECT_TRUE(fourth.says("none/spool: No such file or directory") && fourth.end(0) == 1) << fourth.log;
 
     // The operator stops this one at once.
     put("jobs\nstop\n", "typed");
     Printer fifth(service() + " --console <" + folder / "typed");
-    EXPECT_TRUE(fifth.says("ended last: none\n"));
-    EXPECT_EQ(fifth.end(0), 0) << fifth.log;
+    EXPECT_TRUE(fifth.says("ended last: none\n") && fifth.end(0) == 0) << fifth.log;
 
     // The next one goes on, also while its core is dumped. (A sanitizer cannot fork so, an emulator makes no core.)
     const bool dumps = !support::sanitized && !support::emulated;
@@ -319,9 +316,8 @@ TEST_F(Controller, LosesNoJobToWhatPasses)
 
     const rlim_t bytes = limit(RLIMIT_FSIZE, 300'000);
     EXPECT_EQ(answer(large), "accepted 9\n");
-    ASSERT_TRUE(printer->says("labelPrinter: job 9 waits: "));
     EXPECT_EQ(answer(dot), "accepted 10\n");
-    ASSERT_TRUE(prints(10));
+    ASSERT_TRUE(printer->says("labelPrinter: job 9 waits: ") && prints(10));
     std::string words;
     while ((words = answer("page 9 9\n" + std::string(50'000, '\n') + "end")).starts_with("accepted")) {
     }

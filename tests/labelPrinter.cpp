@@ -110,8 +110,12 @@ TEST_F(LabelPrinter, PrintsEveryStatementNumberAndPictureInAllFormats)
 
 TEST_F(LabelPrinter, TellsWhatItCannotDoAndLeavesTheFolderAsItWas)
 {
-    const std::string good = "; printf 'P1 3 2 101 010' >in/p; $P in/a.label -o out/a", place = "in/a.label:";
-    const std::string digits = "; printf 'P1 100 1 '\"$(printf %0100d 0)\" >in/digits" + good;
+    const auto job = [](const std::string& text) {
+        return "printf '" + text + "' >in/a.label; $P in/a.label -o out/a";
+    };
+    const std::string place = "in/a.label:";
+    put("P1 3 2 101 010", "in/p");
+    put("P1 100 1 " + std::string(100, '1'), "in/digits");
     const std::tuple<std::string, int, std::string> rows[] = {
         {"$P --help >&2", 0, "usage: labelPrinter JOB.label -o OUT [--times]"},
         {"$P --version >&2", 0, "labelPrinter, with Quorvil " QUORVIL_VERSION "; words of a job: clip dpi fill "},
@@ -128,18 +132,17 @@ TEST_F(LabelPrinter, TellsWhatItCannotDoAndLeavesTheFolderAsItWas)
         {"$P in/\033b -o out/a", 1, "in/?b: No such file or directory\n" + traceHead},
         {"$P in/a.label -o none/a", 1, "none/a.pbm: No such file or directory\n" + traceHead},
         {"$P --show in/a.qrl >/dev/full", 1, "the standard output cannot be written\n"},
-        {"printf '# nothing\n' >in/a.label" + good, 1, place + "2: the job has no 'page WIDTH HEIGHT'\n"},
-        {"printf 'dpi 600\npage 8 8' >in/a.label" + good, 1, place + "1: 'page WIDTH HEIGHT' must come first\n"},
-        {"printf 'page 8 8\nimage p\\0x 0 0' >in/a.label" + good, 1, place + "2: the line holds a NUL byte\n"},
-        {"printf 'page 20001 8' >in/a.label" + good, 1, place + "1: WIDTH is not between 1 and 20000: '20001'\n"},
-        {"printf 'page 8 8\n%061d' 0 >in/a.label" + good, 1,
-         place + "2: unknown word '" + std::string(60, '0') + "...'\n"},
-        {"printf 'page 8 8\ncut' >in/a.label" + good, 1, place + "2: 'cut' is not implemented yet\n"},
-        {"printf 'page 8 8\nimage p 0 0 1 0 3 1' >in/a.label" + good, 1,
-         place + "2: the part does not lie inside the picture of 3 x 2 pixels\n"},
-        {"printf 'page 8 8\nserial digits 0 0 2 98\npages 3' >in/a.label" + digits, 1,
+        {job("# nothing\n"), 1, place + "2: the job has no 'page WIDTH HEIGHT'\n"},
+        {job("dpi 600\npage 8 8"), 1, place + "1: 'page WIDTH HEIGHT' must come first\n"},
+        {job("page 8 8\nimage p\\0x 0 0"), 1, place + "2: the line holds a NUL byte\n"},
+        {job("page 20001 8"), 1, place + "1: WIDTH is not between 1 and 20000: '20001'\n"},
+        {job("page 8 8\n" + std::string(61, 'x')), 1, place + "2: unknown word '" + std::string(60, 'x') + "...'\n"},
+        {job("page 8 8\ncut"), 1, place + "2: 'cut' is not implemented yet\n"},
+        {job("page 8 8\nserial digits 0 0 2 98\npages 3"), 1,
          place + "2: the serial number 100 does not fit 2 digits\n"},
-        {"printf 'page 8 8\nimage p 0 0' >in/a.label; printf 'P4 1 1\n\\0\n' >in/p; $P in/a.label -o out/a", 1,
+        {job("page 8 8\nimage p 0 0 1 0 3 1"), 1,
+         place + "2: the part does not lie inside the picture of 3 x 2 pixels\n"},
+        {"printf 'P4 1 1\n\\0\n' >in/p; " + job("page 8 8\nimage p 0 0"), 1,
          place + "2: in/p: what stands behind the picture is no further picture\n"},
         {"printf 'P4 9 2\n\\1\\2\\3' >in/p; $P in/a.label -o out/a", 1,
          place + "2: in/p: the file ends in row 2 of 2\n"},
