@@ -294,37 +294,38 @@ TEST_F(Controller, LosesNoJobToWhatPasses)
         EXPECT_EQ(prlimit(printer->process, resource, &both, nullptr), 0);
         return soft;
     };
-    run("cp drives/A/dot.pbm drives/A/gone.pbm");
-    // A number that was not stored is not given again.
-    EXPECT_EQ(answer(slow), "accepted 4\n");
+    // A number whose job was not stored is not given again.
+    const rlim_t bytes = limit(RLIMIT_FSIZE, 300'000);
+    EXPECT_EQ(answer(large), "accepted 4\n");
     EXPECT_EQ(answer(dot), "accepted 5\n");
-    EXPECT_EQ(answer(image + "gone.pbm 0 0"), "accepted 6\n");
+    ASSERT_TRUE(printer->says("labelPrinter: job 4 waits: ") && prints(5));
+    EXPECT_NE(run("ls state/out/job-4.*"), 0);
+    limit(RLIMIT_FSIZE, 1000);
+    EXPECT_EQ(answer(dot), "refused: the job database cannot be read or written\n");
+    limit(RLIMIT_FSIZE, bytes);
+    EXPECT_TRUE(prints(4) && isPrinted(4, large)) << err;
+    // The sanitizer that looks at types needs descriptors, and takes the lack of them for a wrong type.
+    if (support::sanitized && !support::threadSanitized)
+        return;
+
+    run("cp drives/A/dot.pbm drives/A/gone.pbm");
+    EXPECT_EQ(answer(slow), "accepted 7\n");
+    EXPECT_EQ(answer(dot), "accepted 8\n");
+    EXPECT_EQ(answer(image + "gone.pbm 0 0"), "accepted 9\n");
     run("rm drives/A/gone.pbm");
     const rlim_t descriptors = limit(RLIMIT_NOFILE, 3);
     const int client = clientAt(port, dot + "\nend\n");
     for (const char* const place : {"accept failed: Too many open files",
-                                    "job 4 waits: ", "job 5 waits: job:2: ", "/spool: Too many open files\n"})
+                                    "job 7 waits: ", "job 8 waits: job:2: ", "/spool: Too many open files\n"})
         EXPECT_TRUE(printer->says(place)) << printer->log;
     limit(RLIMIT_NOFILE, descriptors);
     // The port stayed open: its queue has the client.
-    EXPECT_EQ(hear(client), "accepted 7\n");
+    EXPECT_EQ(hear(client), "accepted 10\n");
     put("page 8 8\nfill 0 0 1 1\n", "state/spool/a.label");
-    EXPECT_TRUE(prints(4) && prints(5) && prints(7) && prints(8)) << printer->log;
-    EXPECT_TRUE(printer->says("job 6 failed: job:2: gone.pbm: No such file or directory\n"));
-    for (const int number : {2, 5, 7, 8})
+    EXPECT_TRUE(prints(7) && prints(8) && prints(10) && prints(11)) << printer->log;
+    EXPECT_TRUE(printer->says("job 9 failed: job:2: gone.pbm: No such file or directory\n"));
+    for (const int number : {2, 5, 8, 10, 11})
         EXPECT_TRUE(isPrinted(number, "page 8 8\nfill 0 0 1 1\n")) << number << err;
-
-    const rlim_t bytes = limit(RLIMIT_FSIZE, 300'000);
-    EXPECT_EQ(answer(large), "accepted 9\n");
-    EXPECT_EQ(answer(dot), "accepted 10\n");
-    ASSERT_TRUE(printer->says("labelPrinter: job 9 waits: ") && prints(10));
-    std::string words;
-    while ((words = answer("page 9 9\n" + std::string(50'000, '\n') + "end")).starts_with("accepted")) {
-    }
-    EXPECT_EQ(words, "refused: the job database cannot be read or written\n");
-    EXPECT_NE(run("ls state/out/job-9.???"), 0);
-    limit(RLIMIT_FSIZE, bytes);
-    EXPECT_TRUE(prints(9) && isPrinted(9, large));
     EXPECT_THAT(answer("status"), HasSubstr(" 1 failed, "));
     EXPECT_EQ(printer->end(SIGTERM), 0) << printer->log;
 }
