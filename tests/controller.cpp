@@ -248,6 +248,7 @@ TEST_F(Controller, LosesNoAnsweredJobWhereverItIsKilled)
     const std::string whole = "for f in state/out/*.???; do [ ! -e $f ] || cmp $f a-${f##*-} || exit 1; done";
     for (int round = 0, rounds = 6 * support::stressFactor(); round < rounds; ++round) {
         ASSERT_TRUE(start()) << printer->log;
+        answered.insert(std::stoi(answer(text).substr(9)));
         std::thread client([&] {
             for (std::string words; (words = answer(text)).starts_with("accepted ") && words.ends_with('\n');)
                 answered.insert(std::stoi(words.substr(9)));
@@ -260,7 +261,6 @@ TEST_F(Controller, LosesNoAnsweredJobWhereverItIsKilled)
     ASSERT_TRUE(start());
     answered.insert(std::stoi(answer(text).substr(9)));
     ASSERT_TRUE(prints(*answered.rbegin()));
-    EXPECT_GT(answered.size(), 1U);
     for (const int number : answered)
         EXPECT_EQ(run("test $(ls state/out/job-" + std::to_string(number) + "-000[123].??? | wc -l) = 9"), 0) << number;
     EXPECT_EQ(run(whole + "; ! ls state/out/*.tmp*"), 0) << out << err;
