@@ -46,13 +46,11 @@ void recordAndPerform(int, siginfo_t* info, void* context)
 
 void installFilter()
 {
-    const auto passed = reinterpret_cast<uintptr_t>(performedSystemCall);
-    constexpr uint32_t address = offsetof(seccomp_data, instruction_pointer);
+    // The lower half of an address tells it well enough.
+    const auto passed = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(performedSystemCall));
     sock_filter filter[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, address),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(passed), 0, 2),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, address + 4),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(passed >> 32), 3, 0),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, instruction_pointer)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, passed, 3, 0),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigreturn, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
