@@ -276,8 +276,8 @@ private:
     std::shared_ptr<IHeap> heap;
 };
 
-// All of a heap's virtual functions have their bodies here, so that its table stands in the program that makes the heap:
-// a call through `IHeap` then stays in the program, and costs half of what one into the shared object does.
+// All of a heap's virtual functions have their bodies here, so that its table stands in the program that makes the
+// heap: a call through `IHeap` then stays in the program, and costs half of what one into the shared object does.
 
 inline BaseHeap::BaseHeap()
     : mem(nullptr)

@@ -127,7 +127,8 @@ public:
 
     /// Prepares the first statement of `text` (`sqlite3_prepare_v2`).
     ///
-    /// A failure writes "sqlite3_prepare_v2 failed: " and SQLite's text on `std::cerr`; the state is then `INVALID`.
+    /// A failure writes "sqlite3_prepare_v2 failed: " and SQLite's text on `std::cerr`; the state is then `INVALID`. A
+    /// text without a statement, empty or a comment, is none: the first `step` fails by `SQLITE_MISUSE`.
     ///
     /// @param con  has to outlive the statement
     /// @requires valid
@@ -170,19 +171,21 @@ public:
     /// @threads owner   @realtime I/O
     bool step();
 
-    /// The type of column `col`, counted from 0, of the current row (`sqlite3_column_type`). Only in `ROW`.
+    /// The type of column `col`, counted from 0, of the current row, such as `SQLITE_INTEGER`; `SQLITE_NULL` behind the
+    /// last column (`sqlite3_column_type`). Ask before the column is read as another type. Only in `ROW`.
     ///
     /// @threads owner   @realtime allocates
     int columnType(int col);
 
-    /// The column as a number (`sqlite3_column_int`). Only in `ROW`.
+    /// The column as a number: its low 32 bits, 0 for SQL's NULL and for a text that is none (`sqlite3_column_int`).
+    /// Only in `ROW`.
     ///
     /// @threads owner   @realtime allocates
     int columnInt(int col);
 
-    /// The column as a text (`sqlite3_column_text`), which is SQLite's and holds until the next `step` or `reset`. Only
-    /// in `ROW`.
+    /// The column as a text (`sqlite3_column_text`). Only in `ROW`.
     ///
+    /// @return SQLite's own memory, which holds until the next `step` or `reset`; null for SQL's NULL
     /// @threads owner   @realtime allocates
     const unsigned char* columnText(int col);
 
