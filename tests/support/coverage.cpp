@@ -2,6 +2,7 @@
 // by a signal or in a hurry would lose its counters.
 
 #include <csignal>
+#include <initializer_list>
 
 extern "C" void __gcov_dump();
 
