@@ -14,7 +14,8 @@
 
 namespace util {
 
-/// The library's exception with a text. It announces itself on standard output when it is built, thrown or not.
+/// The library's exception with a text. It announces itself on standard output when it is built, thrown or not; a copy
+/// does not.
 class QUORVIL_API GeneralException : public std::exception
 {
 public:

@@ -6,6 +6,7 @@
 
 #include "Quorvil/QuorvilExport.h"
 
+/// The version of these headers: its three numbers, and all of it as text.
 #define QUORVIL_VERSION_MAJOR 1
 #define QUORVIL_VERSION_MINOR 0
 #define QUORVIL_VERSION_PATCH 0

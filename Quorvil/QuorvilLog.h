@@ -46,11 +46,7 @@ inline bool logSilenced(uint32_t groupIndex)
 
 /// Gives the source its cached group index: once in each source that contains a `QUORVIL_LOG`, at file scope. Any value
 /// that the log has returned serves the gate, so that stores need no order among threads.
-#define QUORVIL_LOG_INDEX()                                                                                            \
-    static constinit std::atomic<uint32_t> logGroupIndex                                                               \
-    {                                                                                                                  \
-        quorvil::intern::noLogGroup                                                                                    \
-    }
+#define QUORVIL_LOG_INDEX() static constinit std::atomic<uint32_t> logGroupIndex = quorvil::intern::noLogGroup
 
 /// The logging call: `OVX_Log_Printf` with the source's group, unless the group is silent. The arguments behind the
 /// format are evaluated only if the call is made.

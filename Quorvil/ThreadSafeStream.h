@@ -73,7 +73,7 @@ inline Internal& Internal::operator<<(std::ostream& (*manipulator)(std::ostream&
 /// `safeCout << "band " << band << std::endl;` holds one lock of the whole process from "band " to the end of the
 /// statement, so that output through all safe streams and `safePrintf` is mutually exclusive. Direct use of
 /// `std::cout`, `std::cerr` and `my_printf` is not covered. Nothing is flushed but by a manipulator, or by the stream's
-/// own setting.
+/// own setting. What `std::hex` and its like set stays set behind the statement, for the other threads too.
 class QUORVIL_API ThreadSafeStream
 {
 public:

@@ -125,8 +125,8 @@ public:
     TimeLimit& operator=(const TimeLimit&) = default;
     virtual ~TimeLimit();
 
-    /// Whether the time since construction lies between `count * ms / factor` and `count * ms * factor`, bounds
-    /// included.
+    /// Whether the time since construction lies between `count * ms / factor` and `count * ms * factor`, both cut to
+    /// whole milliseconds, bounds included.
     ///
     /// A failed check writes three lines to `std::cerr`: "minDiff: ", "diff: " and "maxDiff: ", each with its time.
     ///

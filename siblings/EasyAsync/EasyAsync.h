@@ -13,6 +13,7 @@ namespace quorvil::easyAsyncIntern {
 /// Each future is kept until its task has ended; those of ended tasks go at the next call, and at the exit of the
 /// process. The others stay in the store, so that a task that does not end cannot hold up the exit.
 ///
+/// @param future          has a shared state; that of a deferred task never ends
 /// @throws std::bad_alloc  no memory to keep it; the future stays the caller's
 /// @threads any   @realtime allocates
 void storeFuture(std::future<void>&& future);

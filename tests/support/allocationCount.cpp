@@ -3,12 +3,7 @@
 
 #include <cstdlib>
 
-namespace {
-
-constinit thread_local size_t allocationsSoFar = 0;
-constinit thread_local size_t releasesSoFar = 0;
-
-} // namespace
+constinit thread_local size_t support::allocationsSoFar = 0, support::releasesSoFar = 0;
 
 #if QUORVIL_TEST_SANITIZED
 
@@ -17,60 +12,29 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*taken)(const vol
                                                          void (*released)(const volatile void*));
 
 // The sanitizer's own allocator stays in place and reports each block.
-static const int hooksInstalled =
-    __sanitizer_install_malloc_and_free_hooks([](const volatile void*, size_t) { ++allocationsSoFar; },
-                                              [](const volatile void* block) { releasesSoFar += block != nullptr; });
+static const int hooksInstalled = __sanitizer_install_malloc_and_free_hooks(
+    [](const volatile void*, size_t) { ++support::allocationsSoFar; },
+    [](const volatile void* block) { support::releasesSoFar += block != nullptr; });
 
 #else
 
 extern "C" {
 
 void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* block, size_t size);
 void __libc_free(void* block);
 
 void* malloc(size_t size)
 {
-    ++allocationsSoFar;
+    ++support::allocationsSoFar;
     return __libc_malloc(size);
-}
-
-void* calloc(size_t count, size_t size)
-{
-    ++allocationsSoFar;
-    return __libc_calloc(count, size);
-}
-
-void* realloc(void* block, size_t size)
-{
-    releasesSoFar += block != nullptr;
-    ++allocationsSoFar;
-    return __libc_realloc(block, size);
 }
 
 void free(void* block)
 {
-    releasesSoFar += block != nullptr;
+    support::releasesSoFar += block != nullptr;
     __libc_free(block);
 }
 
 } // extern "C"
 
 #endif
-
-support::AllocationCount::AllocationCount()
-    : allocationsBefore(allocationsSoFar)
-    , releasesBefore(releasesSoFar)
-{
-}
-
-size_t support::AllocationCount::allocations() const
-{
-    return allocationsSoFar - allocationsBefore;
-}
-
-size_t support::AllocationCount::releases() const
-{
-    return releasesSoFar - releasesBefore;
-}

@@ -7,28 +7,35 @@
 
 namespace support {
 
+/// Those of the calling thread since its start.
+extern constinit thread_local size_t allocationsSoFar, releasesSoFar;
+
 /// Counts the calling thread's allocations and releases from its construction on:
 ///
 ///     support::AllocationCount count;
 ///     queue.push(std::move(value));
 ///     EXPECT_EQ(0U, count.allocations());
 ///
-/// `malloc`, `calloc` and `realloc` count, and with them `operator new` at its usual alignment, in the library as in
-/// the test. Read it on the thread that made it. Counts can be nested.
+/// `malloc` counts, and with it `operator new` at its usual alignment, in the library as in the test. Read it on the
+/// thread that made it. Counts can be nested.
 class AllocationCount
 {
 public:
-    AllocationCount();
-
-    /// Blocks taken; a reallocation takes one and gives one back.
-    size_t allocations() const;
+    /// Blocks taken.
+    size_t allocations() const
+    {
+        return allocationsSoFar - allocationsBefore;
+    }
 
     /// Blocks given back.
-    size_t releases() const;
+    size_t releases() const
+    {
+        return releasesSoFar - releasesBefore;
+    }
 
 private:
-    size_t allocationsBefore;
-    size_t releasesBefore;
+    const size_t allocationsBefore = allocationsSoFar;
+    const size_t releasesBefore = releasesSoFar;
 };
 
 } // namespace support

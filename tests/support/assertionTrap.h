@@ -7,7 +7,6 @@
 
 #include <csetjmp>
 #include <dlfcn.h>
-#include <memory>
 #include <string>
 
 namespace assertionTrap {
@@ -21,11 +20,12 @@ inline bool armed = false;
 template <typename Action>
 __attribute__((noinline)) const std::string& failureOf(const Action& action)
 {
-    const std::shared_ptr<void> untilReturn(nullptr, [](void*) { armed = false; });
     failure.clear();
-    armed = true;
-    if (setjmp(place) == 0)
+    if (setjmp(place) == 0) {
+        armed = true;
         action();
+    }
+    armed = false;
     return failure;
 }
 

@@ -21,15 +21,8 @@ namespace support {
 struct ChildResult
 {
     std::string out; ///< standard output
-    std::string err; ///< standard error; empty if both went to one file
+    std::string err; ///< standard error
     int status = 0;  ///< as of `waitpid`
-};
-
-/// Whether standard error has a file of its own or goes to that of standard output.
-enum class Streams
-{
-    apart,
-    together
 };
 
 /// The whole content, without the line that an emulator adds where the program that it runs is aborted.
@@ -47,7 +40,7 @@ inline std::string takeContent(int file)
 /// Forks; the child, which ends by itself when it hangs, runs `body` and ends by `exit(0)`, with all that belongs to
 /// it.
 template <typename Body>
-ChildResult runInChild(Body body, Streams streams = Streams::apart)
+ChildResult runInChild(Body body)
 {
     std::fflush(nullptr);
     const int out = memfd_create("out", 0);
@@ -55,17 +48,15 @@ ChildResult runInChild(Body body, Streams streams = Streams::apart)
     const pid_t child = fork();
     if (child == 0) {
         dup2(out, STDOUT_FILENO);
-        dup2(streams == Streams::together ? out : err, STDERR_FILENO);
+        dup2(err, STDERR_FILENO);
         alarm(60);
         body();
         std::exit(0);
     }
-    ChildResult result;
-    while (waitpid(child, &result.status, 0) < 0 && errno == EINTR) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    result.out = takeContent(out);
-    result.err = takeContent(err);
-    return result;
+    return {takeContent(out), takeContent(err), status};
 }
 
 /// What `body` comes to in a child: its standard error, the text of what it throws, and "exit N" or "killed by N".
@@ -97,9 +88,9 @@ inline void expectOutcomes(const std::vector<Failure>& failures)
 {
     for (const auto& [expected, body, fault, errors] : failures)
         for (const int error : {EINVAL, EPERM, ESRCH, EINTR, EAGAIN, ENOMEM, EBUSY, EDEADLK, ENOSYS, EXDEV}) {
-            const std::string name = error == EXDEV ? "Unexpected errno (18)" : strerrorname_np(error);
-            const bool told = errors.find(error == EXDEV ? "only" : name) != std::string::npos;
-            if (told == (error == EXDEV))
+            const bool named = error != EXDEV;
+            const std::string name = named ? strerrorname_np(error) : "Unexpected errno (18)";
+            if (named != (errors.find(named ? name : "only") != std::string::npos))
                 continue;
             std::string text = expected;
             if (const size_t place = text.find('%'); place != std::string::npos)

@@ -2,7 +2,7 @@
 // by a signal or in a hurry would lose its counters.
 
 #include <csignal>
-#include <cstdlib>
+#include <initializer_list>
 
 extern "C" void __gcov_dump();
 
@@ -10,20 +10,19 @@ namespace {
 
 /// What the process did with the signal before; it comes next, so that each library's counters are kept. One that no
 /// tool and no test uses, and that is ignored by itself, is what a child raises before it ends in a hurry.
-struct sigaction before[NSIG] = {};
+void (*before[NSIG])(int) = {};
 
 void keepCounters(int number)
 {
     __gcov_dump();
-    sigaction(number, &before[number], nullptr);
+    std::signal(number, before[number]);
     std::raise(number);
 }
 
 [[maybe_unused]] const bool installed = [] {
-    struct sigaction action = {};
-    action.sa_handler = keepCounters;
-    action.sa_flags = static_cast<int>(SA_NODEFER);
-    return sigaction(SIGABRT, &action, &before[SIGABRT]) == 0 && sigaction(SIGURG, &action, &before[SIGURG]) == 0;
+    for (const int number : {SIGABRT, SIGURG})
+        before[number] = std::signal(number, keepCounters);
+    return true;
 }();
 
 } // namespace

@@ -8,12 +8,7 @@
 #ifndef __has_feature // a question to clang
 #define __has_feature(feature) 0
 #endif
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-#define QUORVIL_TEST_THREAD_SANITIZED 1
-#else
-#define QUORVIL_TEST_THREAD_SANITIZED 0
-#endif
-#if QUORVIL_TEST_THREAD_SANITIZED || defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define QUORVIL_TEST_SANITIZED 1
 #else
 #define QUORVIL_TEST_SANITIZED 0
@@ -24,7 +19,7 @@ namespace support {
 /// The build carries a sanitizer, whose runtime allocates, faults pages in and makes system calls of its own.
 inline constexpr bool sanitized = QUORVIL_TEST_SANITIZED;
 /// It is the thread sanitizer, which reports misuse that the system's calls refuse by an error.
-inline constexpr bool threadSanitized = QUORVIL_TEST_THREAD_SANITIZED;
+inline constexpr bool threadSanitized = __has_feature(thread_sanitizer);
 /// The tests run for 32-bit ARM, which here means: in an emulator, whose faults and system calls hide the program's.
 inline constexpr bool emulated = sizeof(void*) == 4;
 

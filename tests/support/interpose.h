@@ -22,22 +22,24 @@
 namespace support {
 
 /// The system's own function. Where a sanitizer stands between, its interceptor is the one to call.
-template <typename Function>
-SUPPORT_UNINSTRUMENTED Function real(const char* name)
+template <typename Function, size_t size>
+SUPPORT_UNINSTRUMENTED Function real(const char (&name)[size])
 {
-    char interceptor[128];
-    char* end = interceptor;
-    const char* const parts[] = {"__interceptor_", name};
-    for (const char* part : parts)
-        while (*part != 0)
-            *end++ = *part++;
-    *end = 0;
+    char interceptor[14 + size];
+    for (size_t i = 0; i < 14 + size; ++i)
+        interceptor[i] = i < 14 ? "__interceptor_"[i] : name[i - 14];
     void* const function = dlsym(RTLD_DEFAULT, interceptor);
     return reinterpret_cast<Function>(function ? function : dlsym(RTLD_NEXT, name));
 }
 
 /// For ever, as a number of failing calls.
 inline constexpr int always = std::numeric_limits<int>::max();
+
+/// What a test does in an interposed call, on its way in and on its way out.
+struct Hooks
+{
+    std::function<void()> entering, leaving;
+};
 
 /// What is to happen to one interposed function, and how often it was called.
 struct Fault
@@ -55,8 +57,8 @@ struct Fault
     /// What each call does first: runs the hook and counts; true if the call has to fail.
     SUPPORT_UNINSTRUMENTED bool strikes()
     {
-        if (const auto* const set = __atomic_load_n(&hook, __ATOMIC_SEQ_CST))
-            (*set)();
+        if (const Hooks* const set = __atomic_load_n(&hooks, __ATOMIC_SEQ_CST); set && set->entering)
+            set->entering();
         const int call = __atomic_add_fetch(&calls, 1, __ATOMIC_SEQ_CST);
         if (call < first || call - first >= times)
             return false;
@@ -65,28 +67,24 @@ struct Fault
         return true;
     }
 
+    /// What each call does last: runs the hook, and keeps `errno`.
+    template <typename Result>
+    SUPPORT_UNINSTRUMENTED Result leave(Result answer)
+    {
+        const int kept = errno;
+        if (const Hooks* const set = __atomic_load_n(&hooks, __ATOMIC_SEQ_CST); set && set->leaving)
+            set->leaving();
+        errno = kept;
+        return answer;
+    }
+
     const char* const name;
     int calls = 0;
     long result = 0; ///< what a failing call returns
     int error = 0;   ///< what it leaves in `errno`, if not 0
     int first = 0;
     int times = 0;
-    const std::function<void()>* hook = nullptr;
-    const std::function<void()>* leaving = nullptr;
-};
-
-/// Ends an interposed call: runs what the test wants done last, and keeps `errno`.
-struct Leaving
-{
-    SUPPORT_UNINSTRUMENTED ~Leaving()
-    {
-        const int error = errno;
-        if (const auto* const set = __atomic_load_n(&fault.leaving, __ATOMIC_SEQ_CST))
-            (*set)();
-        errno = error;
-    }
-
-    Fault& fault;
+    const Hooks* hooks = nullptr;
 };
 
 /// Returns once the function was called so often since its `calls` were set to 0.
@@ -109,33 +107,26 @@ struct FaultScope
         fault.times = 0;
         EXPECT_GE(fault.calls, fault.first) << fault.name << " was never called: the seam tests nothing";
     }
-    FaultScope(const FaultScope&) = delete;
 
     Fault& fault;
 };
 
 /// Lets a test stop every call of an interposed function on its way in, and on its way out, as long as it lives. Make
 /// it before the threads that call, and end it behind them.
-struct HookScope
+struct HookScope : Hooks
 {
-    HookScope(Fault& fault_, std::function<void()> hook_, std::function<void()> leaving_ = {})
-        : fault(fault_)
-        , hook(std::move(hook_))
-        , leaving(std::move(leaving_))
+    HookScope(Fault& fault_, std::function<void()> entering_, std::function<void()> leaving_ = {})
+        : Hooks{std::move(entering_), std::move(leaving_)}
+        , fault(fault_)
     {
-        __atomic_store_n(&fault.hook, hook ? &hook : nullptr, __ATOMIC_SEQ_CST);
-        __atomic_store_n(&fault.leaving, leaving ? &leaving : nullptr, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&fault.hooks, this, __ATOMIC_SEQ_CST);
     }
     ~HookScope()
     {
-        __atomic_store_n(&fault.hook, nullptr, __ATOMIC_SEQ_CST);
-        __atomic_store_n(&fault.leaving, nullptr, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&fault.hooks, nullptr, __ATOMIC_SEQ_CST);
     }
-    HookScope(const HookScope&) = delete;
 
     Fault& fault;
-    const std::function<void()> hook;
-    const std::function<void()> leaving;
 };
 
 } // namespace support
@@ -148,12 +139,11 @@ struct HookScope
     static Result(*function##Real) parameters = support::real<Result(*) parameters>(#function);                        \
     extern "C" __attribute__((visibility("default"))) SUPPORT_UNINSTRUMENTED Result function parameters qualifier      \
     {                                                                                                                  \
-        const support::Leaving leaving{function##Fault};                                                               \
         if (function##Fault.strikes())                                                                                 \
-            return (Result)(function##Fault.result);                                                                   \
+            return function##Fault.leave((Result)(function##Fault.result));                                            \
         if (!function##Real)                                                                                           \
             function##Real = support::real<Result(*) parameters>(#function);                                           \
-        return function##Real arguments;                                                                               \
+        return function##Fault.leave(function##Real arguments);                                                        \
     }
 
 #endif

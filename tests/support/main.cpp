@@ -1,3 +1,5 @@
+#include "tests/support/environment.h"
+
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -20,11 +22,7 @@ int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
     // An emulated program cannot start itself again by exec.
-#ifdef __arm__
-    GTEST_FLAG_SET(death_test_style, "fast");
-#else
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-#endif
+    GTEST_FLAG_SET(death_test_style, support::emulated ? "fast" : "threadsafe");
     testing::UnitTest::GetInstance()->listeners().Append(new Watchdog);
     return RUN_ALL_TESTS();
 }

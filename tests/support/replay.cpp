@@ -14,12 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 int main(int, char** argv)
 {
-    int files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
         std::ifstream file(entry.path(), std::ios::binary);
         const std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-        ++files;
     }
     std::mt19937 random(4711);
     for (int round = 0; round < std::atoi(argv[2]); ++round) {
@@ -27,5 +25,4 @@ int main(int, char** argv)
         std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(random()); });
         LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
     }
-    return files > 0 ? 0 : 1;
 }

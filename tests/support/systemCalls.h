@@ -1,4 +1,4 @@
-// Records the system calls that a piece of code makes.
+// Sees which system calls a piece of code makes.
 
 #ifndef QUORVIL_TESTS_SUPPORT_SYSTEMCALLS_H
 #define QUORVIL_TESTS_SUPPORT_SYSTEMCALLS_H
@@ -8,19 +8,12 @@
 
 namespace support {
 
-/// Runs `function`, where they can be recorded on a thread of its own, and returns the numbers (`SYS_futex`, ...) of
-/// the system calls that this thread made in it, in order. Each call is performed as usual. What the kernel answers
-/// without a system call, as `clock_gettime` does, is not among them.
+/// Runs `function` on a thread of its own, and fails the test if it takes memory, gives some back, or makes other
+/// system calls than `calls`, told by their numbers (`SYS_futex`, ...), in order. What the kernel answers without a
+/// system call, as `clock_gettime` does, is not among them.
 ///
-/// Only where `systemCallsHidden()` is null. `function` throws nothing, starts no thread or process, and makes at most
-/// a thousand calls; those beyond are performed and not recorded.
-std::vector<int> systemCallsOf(const std::function<void()>& function);
-
-/// Why system calls cannot be recorded here, or null.
-const char* systemCallsHidden();
-
-/// Runs `function` as `systemCallsOf` does, and fails the test if it takes memory, gives some back, or makes other
-/// system calls than `calls`. Where they cannot be recorded, only the memory is looked at.
+/// System calls are looked at on x86-64 alone, and not with a sanitizer. Each is performed as usual. `function` throws
+/// nothing and starts no thread or process; its calls beyond a thousand are performed and not looked at.
 void expectNothingOfTheSystem(const std::function<void()>& function, const std::vector<int>& calls = {});
 
 } // namespace support
