@@ -84,8 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         wide.append(data[i] % 5, static_cast<wchar_t>(characters[data[i] % std::size(characters)] + data[i] % 7 - 2));
     }
     convertBytes(text);
-    for (size_t at = 0; at < spread.size(); ++at)
-        convertBytes(spread.substr(at, at % 2 == 0 ? 3 : 12));
+    for (const size_t at : {size_t{0}, spread.size() / 2})
+        convertBytes(spread.substr(at));
     convertWide(wide);
     return 0;
 }
