@@ -83,23 +83,22 @@ void insert(Bytes& target, const Image& to, const Rectangle& clip, Bytes& source
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     fuzz::Input data{bytes, size};
-    if (size > 64)
-        return -1;
     const bool shared = data.inRange(0, 3) == 0;
     const Image src = makeImage(data);
-    const Image to =
-        data.inRange(0, 1) == 0 ? makeImage(data) : Image{src.width, src.height, src.bytesPerRow, data.inRange(0, 200)};
+    Image to = makeImage(data);
+    if (data.inRange(0, 1) == 0)
+        to = {src.width, src.height, src.bytesPerRow, to.place % 9 * data.inRange(0, 1) + to.height * src.bytesPerRow};
     const int fromX = number(data, src.width, data.inRange(0, 1) * data.inRange(0, 7));
     const int fromY = number(data, src.height, 0);
-    const int width = data.inRange(1, data.inRange(0, 1) == 0 ? 12 : 900);
+    const int width = data.inRange(0, 2) == 0 ? src.width : data.inRange(1, data.inRange(0, 1) == 0 ? 12 : 900);
     const Rectangle from{fromX, fromY, number(data, src.width, width), number(data, src.height, src.height)};
     const int toX = number(data, to.width, data.inRange(0, 1) == 0 ? from.x : data.inRange(0, 7));
     const int toY = number(data, to.height, 0);
-    const int clipX = data.inRange(-9, to.width - 1);
-    const int clipY = data.inRange(-2, to.height - 1);
-    const int most = data.inRange(0, 1) == 0 ? 900 : INT32_MAX;
-    const Rectangle clip{clipX, clipY, data.inRange(std::max(1, 1 - clipX), most),
-                         data.inRange(std::max(1, 1 - clipY), most)};
+    const int clipX = data.inRange(0, 1) * data.inRange(-9, to.width - 1);
+    const int clipY = data.inRange(0, 1) * data.inRange(-2, to.height - 1);
+    const int clipW = data.inRange(0, 1) == 0 ? INT32_MAX : data.inRange(std::max(1, 1 - clipX), 900);
+    const int clipH = data.inRange(0, 1) == 0 ? INT32_MAX : data.inRange(std::max(1, 1 - clipY), 900);
+    const Rectangle clip{clipX, clipY, clipW, clipH};
     // Noise from a few bytes of input: the fuzzer spends its bytes on the rectangle.
     auto state = static_cast<uint32_t>(data.inRange(0, INT32_MAX));
     const auto noise = [&] { return static_cast<uint8_t>((state = state * 1664525 + 1013904223) >> 24); };

@@ -41,7 +41,7 @@ TEST(Bitmap, InsertCountsFromTheHighestBitAndSinglePixelsFromTheLowest)
     Bytes memory(6), source{0x2D, 0xC0};
     bmp::Bitmap bitmap(memory.data(), 24, 2, 3);
     const support::AllocationCount allocations;
-    bitmap.clip(20, 1, 1, 1);
+    bitmap.clip(20, 1, INT_MAX, INT_MAX);
     for (const int pixel : {0, 7, 10, 47})
         bitmap.orBit(pixel % 24, pixel / 24, true);
     bitmap.orBit(1, 0, false);
@@ -133,6 +133,8 @@ TEST(DataDeathTest, CallersFaultsFailTheirAssertions)
     const auto input = BitInputStream::create(source);
     uint32_t word = 0;
     const std::string constructor = "bmp::Bitmap::Bitmap(uint8_t*, int, int, int)";
+    const std::string bitsText = "uint64_t bits(uint64_t, int, int)";
+    const std::string field = "lowBitIdx >= 0 && lowBitIdx < 64 && bitCount > 0 && bitCount <= 64 - lowBitIdx";
     const std::string clip = "void bmp::Bitmap::clip(int, int, int, int)";
     const std::tuple<std::function<void()>, std::string, std::string, std::string> rows[] = {
         {[&] { bmp::Bitmap(memory, 0, 0, -1); }, "Bitmaps", constructor, "widthPixels > 0"},
@@ -142,8 +144,8 @@ TEST(DataDeathTest, CallersFaultsFailTheirAssertions)
         {[&] { bitmap.clip(0, 100, 1, 1); }, "Bitmaps", clip, "y < heightPixels"},
         {[&] { bitmap.clip(-5, 0, 5, 0); }, "Bitmaps", clip, "w > 0"},
         {[&] { bitmap.clip(0, -5, 1, 5); }, "Bitmaps", clip, "h > 0"},
-        {[&] { input->read(0); }, "QuorvilBits", "uint64_t bits(uint64_t, int, int)",
-         "lowBitIdx >= 0 && lowBitIdx < 64 && bitCount > 0 && bitCount <= 64 - lowBitIdx"},
+        {[&] { input->read(0); }, "QuorvilBits", bitsText, field},
+        {[&] { bits(0, 63, 2); }, "QuorvilBits", bitsText, field},
         {[&] { setBits(word, 1, 32, 0); }, "QuorvilBits", "void setBits(uint32_t&, int, int, uint32_t)",
          "lowBitIdx >= 0 && lowBitIdx < 32 && bitCount >= 0 && bitCount <= 32 - lowBitIdx"},
         {[&] { output->writeBit(true); }, "QuorvilBitStream",
