@@ -49,7 +49,8 @@ public:
     /// @threads any   @realtime bounded on success, I/O on failure
     explicit CountingSemaphore(int value);
 
-    /// Wakes the waiters, waits until each has left, and destroys.
+    /// Wakes the waiters, waits on a condition until each has left, and destroys by `sem_destroy`. A failure of the
+    /// condition ends the process.
     ///
     /// @requires linuxFuncResult != -1
     /// @threads owner   @realtime waits

@@ -28,6 +28,7 @@ public:
     /// A closed gate.
     ///
     /// @param name  what is being initialised, for the lines of the held threads
+    /// @throws std::bad_alloc  no memory for the condition or the name
     /// @threads any   @realtime allocates
     explicit InitCondVar(const std::string& name);
 

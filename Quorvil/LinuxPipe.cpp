@@ -164,8 +164,8 @@ int MyPipe::waitForChild()
         return status;
     safeCerr << "before waitpid\n";
     mustSucceed("int util::MyPipe::waitForChild()", __LINE__, waitpid(pid, &status, 0));
+    pid = -1; // at once: a child is gone, even if its trace cannot be written
     safeCerr << "after waitpid\n";
-    pid = -1;
     return status;
 }
 

@@ -2,9 +2,7 @@
 
 #include "Quorvil/QuorvilAssert.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <system_error>
 
 #include <sched.h>
 
@@ -51,11 +49,6 @@ INonLockingWaitThreadHandler* NonLockingWaitThreadBase::handler() const
 
 void NonLockingWaitThreadBase::joinWorker()
 {
-    try {
+    if (thread.joinable())
         thread.join();
-    } catch (const std::system_error& error) {
-        // The handle says by this code alone that it holds no thread.
-        if (error.code().value() != ESRCH)
-            throw;
-    }
 }

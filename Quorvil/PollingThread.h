@@ -45,6 +45,7 @@ public:
     /// @param interval  the pause in microseconds; below 1 there is none
     /// @requires nullptr != handler
     /// @throws std::system_error  no thread can be started
+    /// @throws std::bad_alloc     no memory for it
     /// @threads any   @realtime allocates
     PollingThread(IPollingThreadHandler* handler, int interval);
 
@@ -66,7 +67,8 @@ public:
     /// @threads any   @realtime waits
     void start();
 
-    /// Ends polling. It does not wait for the worker: a call that has begun goes on to its end.
+    /// Ends polling. It does not wait for the worker: a call may still be going on, or begin if the worker has just
+    /// decided on it. A pause that is going on is followed by no call.
     ///
     /// @throws std::system_error  the mutex failed
     /// @threads any   @realtime waits

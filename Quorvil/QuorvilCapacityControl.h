@@ -12,7 +12,7 @@
 namespace quorvil {
 
 /// Counts how much of some resource is booked. It is a check and no semaphore: it never waits for something to become
-/// free. After an exception it is unchanged and usable.
+/// free. A refusal is an exception, which allocates and announces itself; after it the control is unchanged and usable.
 class QUORVIL_API CapacityControl
 {
 public:

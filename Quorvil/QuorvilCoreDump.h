@@ -17,10 +17,10 @@ QUORVIL_API void prepare();
 
 /// Leaves a core file of the process as it is now, with the stack of the calling thread, and goes on at once.
 ///
-/// A forked child does the steps of `prepare`, makes the folder by "mkdir -p " through the shell, moves there and calls
-/// `abort()`. The parent's folder and limits stay as they are. Other threads of the process are not in the core. A
-/// background task waits for the child and writes a line before and after that; where no thread can be started for it,
-/// `run` itself waits.
+/// Standard output is flushed first. A forked child does the steps of `prepare`, makes the folder by "mkdir -p "
+/// through the shell, moves there and calls `abort()`. The parent's folder and limits stay as they are. Other threads
+/// of the process are not in the core. A background task waits for the child and writes a line before and after that;
+/// where no thread can be started for it, `run` itself waits.
 ///
 /// Failures go through the logging call: without a child there is no dump, and a wait that fails ends its task; in the
 /// child a folder that cannot be entered leaves the core in the process's own. A limit that cannot be raised is told on

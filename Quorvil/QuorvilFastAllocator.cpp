@@ -27,8 +27,6 @@ namespace quorvil {
 
 IHeap::~IHeap() = default;
 
-BaseHeap::~BaseHeap() = default;
-
 SimpleHeap::SimpleHeap(size_t size)
     : allocd(takeWords(size))
     , base(reinterpret_cast<char*>(allocd.get()), reinterpret_cast<char*>(allocd.get()) + size)
@@ -39,18 +37,11 @@ SimpleHeap::SimpleHeap(size_t size)
     }
 }
 
-SimpleHeap::~SimpleHeap() = default;
-
 SubHeap::SubHeap(IHeap& parent_, size_t size)
     : parent(parent_)
 {
     char* const p = static_cast<char*>(parent.alloc(size));
     base.init(p, p + size);
-}
-
-SubHeap::~SubHeap()
-{
-    parent.dealloc(base.mem, static_cast<size_t>(base.memEnd - base.mem));
 }
 
 } // namespace quorvil

@@ -82,7 +82,7 @@ public:
     /// Does nothing: the range is not its own.
     ///
     /// @threads one at a time   @realtime bounded
-    ~BaseHeap() override;
+    ~BaseHeap() override = default;
 
     void* alloc(size_t size) override;
     void dealloc(void* p, size_t size) override;
@@ -125,7 +125,7 @@ public:
     /// Releases the block, empty or not. The memory of the process stays locked.
     ///
     /// @threads one at a time   @realtime allocates
-    ~SimpleHeap() override;
+    ~SimpleHeap() override = default;
 
     /// As `IHeap::alloc`, in the block.
     ///
@@ -186,7 +186,8 @@ struct EmptyDeleter
 
 /// The standard allocator over a heap. Copies, whatever their element type, share the heap and keep it alive.
 ///
-/// The containers of the standard library live in it as they are. Two allocators are equal when they share one heap.
+/// The containers of the standard library live in it as they are. One that grows leaves its former storage behind as a
+/// hole until the heap is empty: `reserve` first. Two allocators are equal when they share one heap.
 /// A container keeps its own heap when another one is assigned to it; containers of different heaps must not be
 /// swapped. The heap belongs to one thread at a time, and so do the containers that share it, while the allocator
 /// itself can be copied on any thread.
@@ -228,10 +229,10 @@ public:
         intern::require(heap != nullptr, "b.getHeap()", "Quorvil/QuorvilFastAllocator", __LINE__, __PRETTY_FUNCTION__);
     }
 
-    /// Takes room for `n` elements from the heap, by `alloc`. An element is aligned to 8 at most. The threads
-    /// are the heap's to bring into order.
+    /// Takes room for `n` elements, of an alignment of 8 at most, from the heap, by `alloc`.
     ///
     /// @requires `heap`: it has one
+    /// @requires `nextMem + ceilSize <= memEnd`: the heap is not exhausted
     /// @throws std::bad_array_new_length  the bytes of `n` elements cannot be counted
     /// @threads one at a time   @realtime bounded
     T* allocate(size_t n)
@@ -246,6 +247,7 @@ public:
     /// Gives the room back to the heap, by `dealloc`.
     ///
     /// @param n  the number that was asked for
+    /// @requires `sumAllocated >= size`: not more comes back than was taken
     /// @threads one at a time   @realtime bounded
     void deallocate(T* p, size_t n) noexcept
     {
@@ -275,6 +277,9 @@ private:
 
     std::shared_ptr<IHeap> heap;
 };
+
+// All of a heap's virtual functions have their bodies here, so that its table stands in the program that makes the
+// heap: a call through `IHeap` then stays in the program, and costs half of what one into the shared object does.
 
 inline BaseHeap::BaseHeap()
     : mem(nullptr)
@@ -344,6 +349,11 @@ inline void SimpleHeap::dealloc(void* p, size_t size)
 inline bool SimpleHeap::allFree()
 {
     return base.BaseHeap::allFree();
+}
+
+inline SubHeap::~SubHeap()
+{
+    parent.dealloc(base.mem, static_cast<size_t>(base.memEnd - base.mem));
 }
 
 inline void* SubHeap::alloc(size_t size)

@@ -39,7 +39,7 @@ public:
 
     /// `cancelAndDelete`, then the function goes.
     ///
-    /// @threads one at a time   @realtime bounded on success, I/O on failure
+    /// @threads one at a time   @realtime allocates
     ~LinuxTimer();
 
     /// Makes the timer, not armed, by `timer_create`. An earlier one is deleted first.
@@ -61,9 +61,10 @@ public:
     /// @threads one at a time   @realtime bounded on success, I/O on failure
     void cancel();
 
-    /// Disarms the timer and deletes it, by `timer_delete`. The function stays until the next `create`.
+    /// Disarms the timer and deletes it, by `timer_delete`, for which the system library gives memory back. The
+    /// function stays until the next `create`.
     ///
-    /// @threads one at a time   @realtime bounded on success, I/O on failure
+    /// @threads one at a time   @realtime allocates
     void cancelAndDelete();
 
     /// What the system library calls at an expiry: runs the function if the timer exists.

@@ -59,7 +59,7 @@ public:
 
     /// Takes an object back.
     ///
-    /// @throws util::GeneralException  "Pool overflow": all objects are back already
+    /// @throws util::GeneralException  "Pool overflow": all objects are back already. It allocates and announces itself
     /// @throws std::system_error       the mutex cannot be locked
     /// @threads any   @realtime bounded
     void put(T* object);

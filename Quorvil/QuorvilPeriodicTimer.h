@@ -78,9 +78,9 @@ public:
     /// @threads any   @realtime allocates
     PeriodicTimer();
 
-    /// Deletes the timer, by `timer_delete`.
+    /// Deletes the timer, by `timer_delete`, for which the system library gives memory back.
     ///
-    /// @threads one at a time   @realtime bounded
+    /// @threads one at a time   @realtime allocates
     ~PeriodicTimer() override;
 
     /// Arms the timer, by `timer_settime`: it expires after one period and every period from then on. Without a

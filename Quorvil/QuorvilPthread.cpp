@@ -197,6 +197,11 @@ void Pthread::detach()
     handle = noHandle;
 }
 
+bool Pthread::joinable() const noexcept
+{
+    return state == running;
+}
+
 void* pthreadFunc(void* t)
 {
     static constexpr char context[] = "void* quorvil::pthreadFunc(void*)";

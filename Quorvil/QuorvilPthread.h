@@ -118,6 +118,11 @@ public:
     /// @threads one at a time   @realtime bounded
     void detach();
 
+    /// Whether the handle is running: `join` and `detach` are due.
+    ///
+    /// @threads one at a time   @realtime bounded
+    bool joinable() const noexcept;
+
 private:
     int32_t state;
     pthread_t handle;

@@ -69,8 +69,7 @@ public:
     ///
     /// @return 0 to 255
     /// @throws SocketException  "read when socket is not open"; "read failed: " and the system's text; at the end of
-    /// the
-    ///     stream "EOF: " and the text of whatever `errno` held
+    ///     the stream "EOF: " and the text of whatever `errno` held
     /// @threads one at a time   @realtime waits
     virtual int read() = 0;
 
@@ -84,8 +83,9 @@ public:
     /// end here, and with it the server socket.
     ///
     /// @throws SocketException  "shutdown failed: " or "close failed: " and the system's text; the socket is still
-    /// open.
+    ///     open. A connection that the peer has reset fails in `shutdown` each time: only the destructor closes it.
     ///     Behind "close failed: " do not close again: the system may have given the descriptor's number away
+    /// @throws std::system_error  the server socket's lock cannot be taken; the socket is closed
     /// @threads one at a time   @realtime waits
     virtual void close() = 0;
 
@@ -136,12 +136,14 @@ public:
     ///
     /// @throws SocketException  "accept when server socket is not open!"; "accept interrupted by close"; "select in
     ///     accept failed: ", also after a signal, or "accept failed: " and the system's text
+    /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime waits
     virtual Socket::Ptr accept() = 0;
 
     /// Closes when the last thread has left `accept` (`close`).
     ///
-    /// @throws SocketException  "close failed: " and the system's text
+    /// @throws SocketException  "close failed: " and the system's text; `accept` throws from then on
+    /// @throws std::system_error  the lock cannot be taken
     /// @threads any   @realtime waits
     virtual void close() = 0;
 

@@ -116,7 +116,7 @@ public:
     /// groups of both lists are held.
     ///
     /// @param fromAfterThis  the element before the run; null: the run begins with the first element
-    /// @param fromUntilThis  the run's last element; it is in this list and not before `fromAfterThis`
+    /// @param fromUntilThis  the run's last element; it is in this list, behind `fromAfterThis`
     /// @param to             another list, or this one
     /// @param toAfterThis    the element of `to`, outside the run, behind which the run comes; null: it comes first
     /// @requires fromUntilThis

@@ -36,25 +36,12 @@ std::string place(const std::string& file, int line)
     return file + ":" + std::to_string(line);
 }
 
-std::string measured(const std::string& file, int line, const char* what, std::chrono::nanoseconds duration)
+/// Writes a log line and what belongs under it. It stands out of the way of the guards that have nothing to warn about.
+[[gnu::cold, gnu::noinline]] void warn(const char* logLine, const std::string& file, int line, const char* what,
+                                       std::chrono::nanoseconds duration)
 {
-    return "[" + place(file, line) + "] " + what + std::to_string(duration.count() / 1000) + "us\n";
-}
-
-// The warnings stand out of the way of the guards that have nothing to warn about.
-
-[[gnu::cold, gnu::noinline]] void warnOfWait(const std::string& file, int line, std::chrono::nanoseconds duration)
-{
-    const std::string text = measured(file, line, "lockDuration: ", duration);
-    my_printf("[WARN Quorvil/QuorvilSyncLockGroup:81]    %s", text.c_str());
-    printLimitedBuffer();
-    std::cout << std::endl;
-}
-
-[[gnu::cold, gnu::noinline]] void warnOfHold(const std::string& file, int line, std::chrono::nanoseconds duration)
-{
-    const std::string text = measured(file, line, "lockedDuration: ", duration);
-    my_printf("[WARN Quorvil/QuorvilSyncLockGroup:90]    %s", text.c_str());
+    const std::string text = "[" + place(file, line) + "] " + what + std::to_string(duration.count() / 1000) + "us\n";
+    my_printf(logLine, text.c_str());
     printLimitedBuffer();
     std::cout << std::endl;
 }
@@ -123,9 +110,9 @@ Guard::~Guard()
     const std::chrono::nanoseconds lockDuration = acquiredAt - requestedAt;
     const std::chrono::nanoseconds lockedDuration = now - acquiredAt;
     if (lockDuration > longestWait)
-        warnOfWait(file, line, lockDuration);
+        warn("[WARN Quorvil/QuorvilSyncLockGroup:81]    %s", file, line, "lockDuration: ", lockDuration);
     if (lockedDuration > longestHold)
-        warnOfHold(file, line, lockedDuration);
+        warn("[WARN Quorvil/QuorvilSyncLockGroup:90]    %s", file, line, "lockedDuration: ", lockedDuration);
     group->mutex.unlock();
 }
 

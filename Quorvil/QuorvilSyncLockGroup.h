@@ -60,6 +60,7 @@ class QUORVIL_API LockGroup
 public:
     /// A free group.
     ///
+    /// @throws std::bad_alloc  no memory for the condition
     /// @threads any   @realtime allocates
     LockGroup();
 
@@ -166,21 +167,23 @@ public:
 
     /// Gives the level up, sleeps until a notification, and takes the level again. It can return without one: callers
     /// test their own condition in a loop. The group is held at this one level only: a second one would keep everybody
-    /// else out.
+    /// else out. Whether the group is interrupted is looked at only after the wake-up: a wait that begins later than
+    /// `interrupt` sleeps all the same, so ask `isInterrupted` first.
     ///
-    /// @throws InterruptedException  the group is interrupted, noticed behind the wake-up; the guard still holds it
+    /// @throws InterruptedException  the group is interrupted; the guard still holds it
     /// @throws std::system_error     the condition failed, or the lock could not be taken again
     /// @requires group
     /// @threads owner   @realtime waits
     void wait();
 
-    /// Wakes all threads in `wait` on this group.
+    /// Wakes all threads in `wait` on this group. A condition that cannot notify ends the process.
     ///
     /// @requires group
     /// @threads owner   @realtime bounded
     void notifyAll();
 
-    /// Ends all waits of this group in `InterruptedException`, those that sleep and all later ones, and wakes them.
+    /// Wakes all threads in `wait` on this group, as `notifyAll` does. From now on every wait of the group, also one
+    /// that begins later, ends in `InterruptedException` once it is woken.
     ///
     /// @requires group
     /// @threads owner   @realtime bounded

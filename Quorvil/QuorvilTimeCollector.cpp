@@ -293,29 +293,11 @@ void TimeCollectorPool::returnUnprinted()
 
 void* TimeCollectorPool::threadFunc(void* arg)
 {
-    // When the thread has ended, its id may become another thread's.
-    struct Announcement
-    {
-        explicit Announcement(std::atomic<std::thread::id>& place)
-            : printer(place)
-        {
-            printer = std::this_thread::get_id();
-        }
-
-        ~Announcement()
-        {
-            printer = std::thread::id();
-        }
-
-        Announcement(const Announcement&) = delete;
-        Announcement& operator=(const Announcement&) = delete;
-
-        std::atomic<std::thread::id>& printer;
-    };
-
     auto* const pool = static_cast<TimeCollectorPool*>(arg);
-    const Announcement announcement(pool->printer);
+    pool->printer = std::this_thread::get_id();
     pool->threadRun();
+    // When the thread has ended, its id may become another thread's.
+    pool->printer = std::thread::id();
     return nullptr;
 }
 

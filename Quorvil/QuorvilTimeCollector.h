@@ -237,9 +237,10 @@ private:
 /// | closed | serve | returns the record unprinted | `close`, after it has printed what was queued |
 ///
 /// Side effects of the constructor, beyond the object: all memory of the process is locked into RAM (`mlockall`);
-/// **numbers on `std::cout` are grouped by threes with blanks from then on**, whatever stream the pool prints to; and
-/// **the calling thread is renamed to "Pthread"**, as by every `Pthread`. The dump thread has a stack of 2 MiB, keeps
-/// the caller's former name, and inherits its policy and priority.
+/// **numbers on `std::cout` are grouped by threes with blanks from then on**, whatever stream the pool prints to, and
+/// no other thread may use `std::cout` meanwhile; and **the calling thread is renamed to "Pthread"**, as by every
+/// `Pthread`. The dump thread has a stack of 2 MiB, keeps the caller's former name, and inherits its policy and
+/// priority.
 ///
 /// All handles must have ended before the pool does. Misuse ends in `util::GeneralException` or an assertion; an
 /// exception that the stream throws on the dump thread ends the process.
@@ -270,7 +271,8 @@ public:
     TimeCollectorPool& operator=(const TimeCollectorPool&) = delete;
 
     /// Closes the pool, so that everything queued is printed, and takes it down. No other thread may be inside an
-    /// operation of the pool.
+    /// operation of the pool. What `close` would throw, on the dump thread or where a mutex cannot be locked, ends the
+    /// process here.
     ///
     /// @threads one at a time   @realtime waits
     ~TimeCollectorPool();

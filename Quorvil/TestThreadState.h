@@ -46,7 +46,7 @@ public:
     /// @threads any   @realtime I/O
     void incState(std::ostream& os);
 
-    /// `incState`; a state other than `expected` is told on `std::cerr`.
+    /// As `incState`; a state other than `expected` is told on `std::cerr`.
     ///
     /// @return whether the new state is `expected`
     /// @threads any   @realtime I/O

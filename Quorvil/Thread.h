@@ -138,7 +138,9 @@ QUORVIL_API void* pthreadFunc(void* internals);
 ///
 /// Its states are those of `ThreadInternals`. The body ends by its return or by POSIX cancellation at one of its
 /// cancellation points; both end in `FINISHED`. The body must not let an exception out, except for the unwinding of a
-/// cancellation, which it must not swallow.
+/// cancellation, which it must not swallow. Two things follow from that unwinding: a cancellation that takes effect
+/// below a destructor or another `noexcept` function ends the process, and a standard stream that the body was writing
+/// to, `std::cout` too, is left failed (`badbit`) and writes nothing more until somebody clears it.
 ///
 /// `join`, or another look at `FINISHED`, comes before the destruction: a `Thread` that is destroyed in between ends
 /// the process. What the body did is seen by the thread that has returned from `join`.
@@ -162,8 +164,9 @@ public:
     /// @threads any   @realtime allocates
     explicit Thread(const std::string& name);
 
-    /// Reaps a finished thread by `pthread_join`; one that has begun and has not finished ends the process. The
-    /// deriving class's part is gone by then: its destructor is too late a place for `join`.
+    /// Reaps a finished thread by `pthread_join`; one that has begun and has not finished ends the process. What the
+    /// body uses of the deriving class is gone by then: a class that calls `join` in its own destructor has to be the
+    /// most derived one.
     ///
     /// @threads owner   @realtime waits
     virtual ~Thread();

@@ -38,11 +38,13 @@ public:
     /// @param handler  not owned; it outlives this object
     /// @requires nullptr != handler
     /// @throws std::system_error  no thread can be started
+    /// @throws std::bad_alloc     no memory for it
     /// @threads any   @realtime allocates
     explicit WaitThread(IWaitThreadHandler* handler);
 
     /// Stops and joins the worker; not to be called by the handler. A worker asleep makes one last call of the handler,
-    /// with or without a notification; one in a call ends behind it; one that has not begun makes none.
+    /// with or without a notification; one in a call ends behind it, whatever was notified meanwhile; one that has not
+    /// begun makes none.
     ///
     /// @threads owner   @realtime waits
     virtual ~WaitThread();

@@ -19,20 +19,6 @@ constexpr const char* stepFunction = "bool sqlite3cpp::PrepStat::step()";
 
 using quorvil::intern::require;
 
-/// An operation that the state does not allow. It stands apart, so that the checks cost next to nothing.
-[[noreturn, gnu::cold, gnu::noinline]] void stopInState(const char* operation, int state, int line,
-                                                        const char* function)
-{
-    safeCerr << operation << " in invalid state: " << std::to_string(state) << "\n";
-    __assert_fail("false", source, static_cast<unsigned>(line), function);
-}
-
-inline void allow(bool allowed, const char* operation, int state, int line, const char* function)
-{
-    if (__builtin_expect(!allowed, 0))
-        stopInState(operation, state, line, function);
-}
-
 /// A message that SQLite allocated.
 struct Message
 {
@@ -48,6 +34,10 @@ struct Message
 };
 
 } // namespace
+
+constinit const intern::RowCalls intern::rowCalls = {sqlite3_step,        sqlite3_reset,      sqlite3_bind_int,
+                                                     sqlite3_column_type, sqlite3_column_int, sqlite3_column_text};
+static_assert(intern::ok == SQLITE_OK && intern::row == SQLITE_ROW);
 
 DbCon::DbCon()
 {
@@ -127,7 +117,7 @@ PrepStat::~PrepStat()
 void PrepStat::bindText(int idx, const std::string& text)
 {
     constexpr const char* function = "void sqlite3cpp::PrepStat::bindText(int, const string&)";
-    allow(state == BINDING, "bindText", state, __LINE__, function);
+    allow(state == BINDING, "bindText", __LINE__, function);
     require(SQLITE_OK == sqlite3_bind_text(stmt, idx, text.c_str(), -1, SQLITE_TRANSIENT),
             "SQLITE_OK == sqlite3_bind_text(stmt, idx, text.c_str(), -1, SQLITE_TRANSIENT)", source, __LINE__,
             function);
@@ -136,7 +126,7 @@ void PrepStat::bindText(int idx, const std::string& text)
 void PrepStat::bindText(int idx, const char* textBegin, size_t textBytes)
 {
     constexpr const char* function = "void sqlite3cpp::PrepStat::bindText(int, const char*, size_t)";
-    allow(state == BINDING, "bindText", state, __LINE__, function);
+    allow(state == BINDING, "bindText", __LINE__, function);
     // A length that SQLite would take as negative means something else there.
     require(textBytes <= INT_MAX &&
                 SQLITE_OK == sqlite3_bind_text(stmt, idx, textBegin, static_cast<int>(textBytes), SQLITE_TRANSIENT),
@@ -144,33 +134,13 @@ void PrepStat::bindText(int idx, const char* textBegin, size_t textBytes)
             function);
 }
 
-void PrepStat::bindInt(int idx, int val)
+/// What follows a `step` without a row: the end, or a failure and its report. Always false.
+bool PrepStat::stepEnded()
 {
-    constexpr const char* function = "void sqlite3cpp::PrepStat::bindInt(int, int)";
-    allow(state == BINDING, "bindInt", state, __LINE__, function);
-    require(SQLITE_OK == sqlite3_bind_int(stmt, idx, val), "SQLITE_OK == sqlite3_bind_int(stmt, idx, val)", source,
-            __LINE__, function);
-}
-
-bool PrepStat::step()
-{
-    if (state == INVALID)
+    if (result == SQLITE_DONE) {
+        state = DONE;
         return false;
-    allow(state == BINDING || state == ROW, "step", state, __LINE__, stepFunction);
-    result = sqlite3_step(stmt);
-    if (__builtin_expect(result == SQLITE_ROW, 1)) {
-        state = ROW;
-        return true;
     }
-    if (result != SQLITE_DONE)
-        return stepFailed();
-    state = DONE;
-    return false;
-}
-
-/// Reports the result that is neither a row nor the end; always false.
-bool PrepStat::stepFailed()
-{
     if (result == SQLITE_READONLY) {
         state = INVALID;
         safeCerr << stepFunction << ": Attempt to write a readonly database\n";
@@ -183,30 +153,10 @@ bool PrepStat::stepFailed()
     return false;
 }
 
-int PrepStat::columnType(int col)
+void PrepStat::refuse(const char* operation, unsigned int line, const char* function) const
 {
-    allow(state == ROW, "columnType", state, __LINE__, "int sqlite3cpp::PrepStat::columnType(int)");
-    return sqlite3_column_type(stmt, col);
-}
-
-int PrepStat::columnInt(int col)
-{
-    allow(state == ROW, "columnInt", state, __LINE__, "int sqlite3cpp::PrepStat::columnInt(int)");
-    return sqlite3_column_int(stmt, col);
-}
-
-const unsigned char* PrepStat::columnText(int col)
-{
-    allow(state == ROW, "columnText", state, __LINE__, "const unsigned char* sqlite3cpp::PrepStat::columnText(int)");
-    return sqlite3_column_text(stmt, col);
-}
-
-void PrepStat::reset()
-{
-    constexpr const char* function = "void sqlite3cpp::PrepStat::reset()";
-    allow(state == BINDING || state == ROW || state == DONE, "reset", state, __LINE__, function);
-    require(SQLITE_OK == sqlite3_reset(stmt), "SQLITE_OK == sqlite3_reset(stmt)", source, __LINE__, function);
-    state = BINDING;
+    safeCerr << operation << " in invalid state: " << std::to_string(state) << "\n";
+    __assert_fail("false", source, line, function);
 }
 
 PrepStat::operator sqlite3_stmt*()

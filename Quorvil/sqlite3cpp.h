@@ -4,6 +4,7 @@
 #ifndef QUORVIL_SQLITE3CPP_H
 #define QUORVIL_SQLITE3CPP_H
 
+#include "Quorvil/QuorvilAssert.h"
 #include "Quorvil/QuorvilExport.h"
 
 #include <cstddef>
@@ -14,6 +15,28 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 namespace sqlite3cpp {
+
+namespace intern {
+
+/// SQLite's functions that a loop over rows calls. Through these pointers a program reaches SQLite without a detour
+/// through this library, and needs neither SQLite's header nor a link to its library for it.
+struct RowCalls
+{
+    int (*step)(sqlite3_stmt*);
+    int (*reset)(sqlite3_stmt*);
+    int (*bindInt)(sqlite3_stmt*, int, int);
+    int (*columnType)(sqlite3_stmt*, int);
+    int (*columnInt)(sqlite3_stmt*, int);
+    const unsigned char* (*columnText)(sqlite3_stmt*, int);
+};
+
+extern QUORVIL_API const RowCalls rowCalls;
+
+/// `SQLITE_OK` and `SQLITE_ROW`.
+inline constexpr int ok = 0;
+inline constexpr int row = 100;
+
+} // namespace intern
 
 /// A connection to a database file. Nothing here throws on a failure of SQLite: a line on `std::cerr` or `safeCerr`
 /// reports it, and `isValid` and the result of `exec` tell. Without a lock: one thread at a time for a connection and
@@ -104,7 +127,8 @@ public:
 
     /// Prepares the first statement of `text` (`sqlite3_prepare_v2`).
     ///
-    /// A failure writes "sqlite3_prepare_v2 failed: " and SQLite's text on `std::cerr`; the state is then `INVALID`.
+    /// A failure writes "sqlite3_prepare_v2 failed: " and SQLite's text on `std::cerr`; the state is then `INVALID`. A
+    /// text without a statement, empty or a comment, is none: the first `step` fails by `SQLITE_MISUSE`.
     ///
     /// @param con  has to outlive the statement
     /// @requires valid
@@ -147,19 +171,21 @@ public:
     /// @threads owner   @realtime I/O
     bool step();
 
-    /// The type of column `col`, counted from 0, of the current row (`sqlite3_column_type`). Only in `ROW`.
+    /// The type of column `col`, counted from 0, of the current row, such as `SQLITE_INTEGER`; `SQLITE_NULL` behind the
+    /// last column (`sqlite3_column_type`). Ask before the column is read as another type. Only in `ROW`.
     ///
     /// @threads owner   @realtime allocates
     int columnType(int col);
 
-    /// The column as a number (`sqlite3_column_int`). Only in `ROW`.
+    /// The column as a number: its low 32 bits, 0 for SQL's NULL and for a text that is none (`sqlite3_column_int`).
+    /// Only in `ROW`.
     ///
     /// @threads owner   @realtime allocates
     int columnInt(int col);
 
-    /// The column as a text (`sqlite3_column_text`), which is SQLite's and holds until the next `step` or `reset`. Only
-    /// in `ROW`.
+    /// The column as a text (`sqlite3_column_text`). Only in `ROW`.
     ///
+    /// @return SQLite's own memory, which holds until the next `step` or `reset`; null for SQL's NULL
     /// @threads owner   @realtime allocates
     const unsigned char* columnText(int col);
 
@@ -188,13 +214,68 @@ public:
     int getState() const;
 
 private:
-    bool stepFailed();
+    bool stepEnded();
+    void allow(bool allowed, const char* operation, unsigned int line, const char* function) const;
+    [[noreturn]] void refuse(const char* operation, unsigned int line, const char* function) const;
 
     State state = CONSTRUCTING;
     DbCon& con;
     sqlite3_stmt* stmt = nullptr;
     int result = 0;
 };
+
+inline void PrepStat::allow(bool allowed, const char* operation, unsigned int line, const char* function) const
+{
+    if (__builtin_expect(!allowed, 0))
+        refuse(operation, line, function);
+}
+
+inline void PrepStat::bindInt(int idx, int val)
+{
+    constexpr const char* function = "void sqlite3cpp::PrepStat::bindInt(int, int)";
+    allow(state == BINDING, "bindInt", __LINE__, function);
+    quorvil::intern::require(intern::rowCalls.bindInt(stmt, idx, val) == intern::ok,
+                             "SQLITE_OK == sqlite3_bind_int(stmt, idx, val)", "Quorvil/sqlite3cpp", __LINE__, function);
+}
+
+inline bool PrepStat::step()
+{
+    if (state == INVALID)
+        return false;
+    allow(state == BINDING || state == ROW, "step", __LINE__, "bool sqlite3cpp::PrepStat::step()");
+    result = intern::rowCalls.step(stmt);
+    if (__builtin_expect(result != intern::row, 0))
+        return stepEnded();
+    state = ROW;
+    return true;
+}
+
+inline int PrepStat::columnType(int col)
+{
+    allow(state == ROW, "columnType", __LINE__, "int sqlite3cpp::PrepStat::columnType(int)");
+    return intern::rowCalls.columnType(stmt, col);
+}
+
+inline int PrepStat::columnInt(int col)
+{
+    allow(state == ROW, "columnInt", __LINE__, "int sqlite3cpp::PrepStat::columnInt(int)");
+    return intern::rowCalls.columnInt(stmt, col);
+}
+
+inline const unsigned char* PrepStat::columnText(int col)
+{
+    allow(state == ROW, "columnText", __LINE__, "const unsigned char* sqlite3cpp::PrepStat::columnText(int)");
+    return intern::rowCalls.columnText(stmt, col);
+}
+
+inline void PrepStat::reset()
+{
+    constexpr const char* function = "void sqlite3cpp::PrepStat::reset()";
+    allow(state == BINDING || state == ROW || state == DONE, "reset", __LINE__, function);
+    quorvil::intern::require(intern::rowCalls.reset(stmt) == intern::ok, "SQLITE_OK == sqlite3_reset(stmt)",
+                             "Quorvil/sqlite3cpp", __LINE__, function);
+    state = BINDING;
+}
 
 } // namespace sqlite3cpp
 

@@ -1,4 +1,4 @@
-// The row "blit": ORing one image into another, at page, label and glyph size.
+// Blit: one image ORed into another, at page, label and glyph size, beside Leptonica's and beside a plain copy.
 
 #include "bench/support.h"
 #include "tests/support/portableBitmaps.h"
@@ -7,9 +7,13 @@
 #include "bench/peers/leptonica.h"
 #endif
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {

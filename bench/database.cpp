@@ -25,7 +25,7 @@ std::string tables()
     return text + "COMMIT;";
 }
 
-/// Ours, and the bare interface below, on a database each.
+/// Each candidate has a database of its own, and a statement on it.
 class Ours
 {
 public:
@@ -98,21 +98,18 @@ private:
 };
 
 #ifdef QUORVIL_PEER_SQLITECPP
-class SqliteCpp
+class SqliteCpp : public bench::SqliteCppJobs
 {
 public:
     explicit SqliteCpp(const std::string& query)
-        : jobs(tables(), query)
+        : SqliteCppJobs(tables(), query)
     {
     }
 
-    peers::SqliteCppJobs& get()
+    SqliteCpp& get()
     {
-        return jobs;
+        return *this;
     }
-
-private:
-    peers::SqliteCppJobs jobs;
 };
 #endif
 

@@ -61,7 +61,7 @@ void standard(benchmark::State& state, const Case& row)
 #ifdef QUORVIL_PEER_BOOST
 void boostPath(benchmark::State& state, const Case& row)
 {
-    peer<peers::BoostPath>(state, row, peers::normal);
+    peer<bench::BoostPath>(state, row, bench::normal);
 }
 #endif
 

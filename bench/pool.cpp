@@ -6,8 +6,6 @@
 #include "bench/peers/boostStack.h"
 #endif
 
-#include <mutex>
-
 namespace {
 
 constexpr int size = 16;
@@ -42,18 +40,8 @@ void pair(benchmark::State& state)
     }
 }
 
-void twoMutexPairs(benchmark::State& state)
-{
-    static std::mutex mutex;
-    for (auto _ : state)
-        for (int i = 0; i < 2; ++i) {
-            const std::lock_guard lock(mutex);
-            benchmark::ClobberMemory();
-        }
-}
-
 BENCHMARK(pair<OurPool>)->Name("pool/pair/NonlockingPool");
-BENCHMARK(twoMutexPairs)->Name("pool/pair/twoMutexPairs");
+BENCHMARK(bench::twoMutexPairs)->Name("pool/pair/twoMutexPairs");
 BENCHMARK(pair<OurPool>)->Name("pool/twoThreads/NonlockingPool")->Threads(2)->UseRealTime();
 #ifdef QUORVIL_PEER_BOOST_LOCKFREE
 BENCHMARK(pair<bench::BoostStackPool<int>>)->Name("pool/twoThreads/boostStack")->Threads(2)->UseRealTime();

@@ -11,8 +11,8 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -73,16 +73,6 @@ void pair(benchmark::State& state)
     }
 }
 
-void twoMutexPairs(benchmark::State& state)
-{
-    std::mutex mutex;
-    for (auto _ : state)
-        for (int i = 0; i < 2; ++i) {
-            const std::lock_guard lock(mutex);
-            benchmark::ClobberMemory();
-        }
-}
-
 /// One thread sends, the other one receives; a run ends when the last value has arrived.
 template <typename Queue>
 void throughput(benchmark::State& state)
@@ -131,7 +121,7 @@ void roundTrip(benchmark::State& state)
 }
 
 BENCHMARK(pair<OurQueue>)->Name("queue/pair/BlockingQueue");
-BENCHMARK(twoMutexPairs)->Name("queue/pair/twoMutexPairs");
+BENCHMARK(bench::twoMutexPairs)->Name("queue/pair/twoMutexPairs");
 BENCHMARK(throughput<OurQueue>)->Name("queue/throughput/BlockingQueue")->UseRealTime();
 BENCHMARK(roundTrip<OurQueue>)->Name("queue/roundTrip/BlockingQueue")->UseRealTime();
 #ifdef QUORVIL_PEER_MOODYCAMEL

@@ -58,6 +58,17 @@ inline void pinToCore(int core)
 /// The seed of every random input, the same in each run.
 inline constexpr unsigned seed = 20260711;
 
+/// The least that an object out and back again costs where a lock guards it.
+inline void twoMutexPairs(benchmark::State& state)
+{
+    std::mutex mutex;
+    for (auto _ : state)
+        for (int i = 0; i < 2; ++i) {
+            const std::lock_guard lock(mutex);
+            benchmark::ClobberMemory();
+        }
+}
+
 /// What each row's `main` does: one thread asleep, the measuring thread pinned if `pinned`, then Google Benchmark.
 inline int run(int argc, char** argv, bool pinned)
 {

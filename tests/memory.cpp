@@ -13,9 +13,8 @@
 
 #include <climits>
 #include <csignal>
-#include <deque>
-#include <list>
 #include <map>
+#include <semaphore>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 
@@ -26,7 +25,10 @@ using testing::ThrowsMessage;
 
 SUPPORT_INTERPOSE(int, mlockall, (int flags), (flags), noexcept)
 SUPPORT_INTERPOSE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex), noexcept)
-SUPPORT_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex), (condition, mutex), )
+static pthread_mutex_t* waitersMutex = nullptr;
+SUPPORT_INTERPOSE(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+                  (condition, waitersMutex = mutex), )
+SUPPORT_INTERPOSE(int, pthread_cond_signal, (pthread_cond_t * condition), (condition), noexcept)
 
 namespace {
 
@@ -69,7 +71,7 @@ TEST(Heaps, GiveOutAndTakeBackInAnyOrder)
     }
 }
 
-TEST(Heaps, HaveNoSlack)
+TEST(Heaps, EndTheProcessWhereTheyAreExhaustedOrMisused)
 {
     const size_t rows[][3] = {{64, 56, 9}, {64, 64, 1}, {64, 8, SIZE_MAX}, {64, 8, SIZE_MAX - 7}, {13, 0, 9}};
     for (const auto& [room, taken, size] : rows) {
@@ -81,13 +83,24 @@ TEST(Heaps, HaveNoSlack)
     SimpleHeap& parent = SimpleHeap::singleton;
     {
         SubHeap sub(parent, 100);
-        void* const rest = parent.alloc(0x100000 - 104);
-        EXPECT_DEATH(parent.alloc(1), exhausted);
-        parent.dealloc(rest, 0x100000 - 104);
+        parent.dealloc(parent.alloc(0x100000 - 104), 0x100000 - 104);
+        EXPECT_DEATH(parent.alloc(0x100000 - 103), exhausted);
         sub.alloc(96);
         EXPECT_DEATH(sub.alloc(1), exhausted);
     }
     EXPECT_TRUE(parent.allFree()) << "with a block of the sub-heap still out";
+    alignas(8) char range[64];
+    EXPECT_DEATH(BaseHeap(range + 4, range + 64).alloc(8), heapFailure(alloc, "((ptrdiff_t) nextMem & 7) == 0"));
+    BaseHeap heap;
+    heap.init(range, range + 64);
+    EXPECT_DEATH(heap.dealloc(heap.alloc(11), 12),
+                 heapFailure("virtual void quorvil::BaseHeap::dealloc(void*, size_t)", "sumAllocated >= size"));
+    SimpleHeap damaged(8);
+    EXPECT_DEATH((support::damage(damaged, 1, nullptr), damaged.alloc(8)),
+                 heapFailure("virtual void* quorvil::SimpleHeap::alloc(size_t)", "base.mem == (char*) this->allocd"));
+    FastAllocator<char> homeless(nullptr);
+    EXPECT_DEATH(homeless.allocate(1), heapFailure("", "heap"));
+    EXPECT_DEATH(FastAllocator<int>{homeless}, heapFailure("", "b.getHeap()"));
 }
 
 TEST(SimpleHeap, LocksItsBlockOrEndsTheProcess)
@@ -99,34 +112,10 @@ TEST(SimpleHeap, LocksItsBlockOrEndsTheProcess)
     for (size_t i = 0; i < size; i += 512)
         block[i] = 1;
     EXPECT_EQ(faults, support::pageFaults());
-    const auto fail = [] {
-        const support::FaultScope fault(mlockallFault, -1, ENOMEM);
-        const SimpleHeap unlocked(8);
-    };
-    EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), "mlockall failed: Cannot allocate memory\n");
-    for (const size_t none : {SIZE_MAX, SIZE_MAX - 7, static_cast<size_t>(PTRDIFF_MAX) + 1})
+    EXPECT_EXIT((mlockallFault.fail(-1, ENOMEM), SimpleHeap(8)), testing::KilledBySignal(SIGABRT),
+                "mlockall failed: Cannot allocate memory\n");
+    for (const size_t none : {SIZE_MAX, static_cast<size_t>(PTRDIFF_MAX) + 1})
         EXPECT_THROW(SimpleHeap{none}, std::bad_array_new_length) << none;
-}
-
-TEST(HeapsDeathTest, EndTheProcessOnMisuse)
-{
-    alignas(8) char range[64];
-    EXPECT_DEATH(BaseHeap(range + 4, range + 64).alloc(8), heapFailure(alloc, "((ptrdiff_t) nextMem & 7) == 0"));
-    BaseHeap heap;
-    heap.init(range, range + 64);
-    void* const block = heap.alloc(11);
-    EXPECT_DEATH(heap.dealloc(block, 12),
-                 heapFailure("virtual void quorvil::BaseHeap::dealloc(void*, size_t)", "sumAllocated >= size"));
-    EXPECT_DEATH(
-        {
-            SimpleHeap heap2(8);
-            support::damage(heap2, 1, nullptr);
-            heap2.alloc(8);
-        },
-        heapFailure("virtual void* quorvil::SimpleHeap::alloc(size_t)", "base.mem == (char*) this->allocd"));
-    FastAllocator<char> homeless(nullptr);
-    EXPECT_DEATH(homeless.allocate(1), heapFailure("", "heap"));
-    EXPECT_DEATH(FastAllocator<int>{homeless}, heapFailure("", "b.getHeap()"));
 }
 
 TEST(FastAllocator, HoldsTheStandardContainersAndTakesNothingOfTheSystem)
@@ -135,26 +124,13 @@ TEST(FastAllocator, HoldsTheStandardContainersAndTakesNothingOfTheSystem)
     SubHeap sub(SimpleHeap::singleton, 4096);
     const FastAllocator<char> second(std::shared_ptr<SubHeap>(&sub, EmptyDeleter<SubHeap>()));
     expectNothingOfTheSystem([&heap, &second] {
-        const FastAllocator<char> first(heap);
-        std::vector<int, FastAllocator<int>> numbers(first);
-        std::list<short, FastAllocator<short>> list(first);
-        std::deque<double, FastAllocator<double>> deque(first);
-        std::map<int, HeapString, std::less<int>, FastAllocator<std::pair<const int, HeapString>>> texts(first);
-        for (short i = 0; i < 100; ++i) {
-            numbers.push_back(i);
-            list.push_front(i);
-            deque.push_back(i);
-            texts.emplace(i, HeapString("a text too long for the small buffer of a string", first));
-        }
-        EXPECT_EQ(198.0, list.front() + deque.back());
+        std::map<int, HeapString, std::less<int>, FastAllocator<std::pair<const int, HeapString>>> texts(heap);
+        texts.emplace(1, HeapString("a text too long for the small buffer of a string", heap));
         // Between heaps the elements move, and each container keeps its own.
-        std::vector<int, FastAllocator<int>> other(second);
-        other = std::move(numbers);
-        HeapString text("x", second);
-        text = texts.at(99) + std::move(texts.at(98));
-        EXPECT_EQ(196U, other.size() + text.size());
-        EXPECT_TRUE(text.get_allocator() == other.get_allocator());
-        EXPECT_FALSE(numbers.get_allocator() == second);
+        std::vector<int, FastAllocator<int>> numbers(100, 7, heap), others(second);
+        others = std::move(numbers);
+        EXPECT_EQ(100U, others.size());
+        EXPECT_TRUE(others.get_allocator() == second && !(numbers.get_allocator() == second));
     });
     EXPECT_TRUE(heap->allFree());
     EXPECT_EQ(1, heap.use_count()) << "a copy of the allocator is left";
@@ -166,44 +142,49 @@ TEST(FastAllocator, HoldsTheStandardContainersAndTakesNothingOfTheSystem)
 
 // ---- queue and pool
 
-using Value = std::unique_ptr<int>;
+using Value = std::shared_ptr<char>;
 using Queue = BlockingQueue<Value, std::allocator<Value>>;
-using Pop = std::function<void()>;
+using Call = std::function<void()>;
 
-const testing::Matcher<Pop> throwsClosed = ThrowsMessage<BlockingQueueClosedException>("BlockingQueue closed");
-const testing::Matcher<Pop> throwsCanceled = ThrowsMessage<BlockingQueueCanceledException>("BlockingQueue canceled");
+const testing::Matcher<Call> throwsClosed = ThrowsMessage<BlockingQueueClosedException>("BlockingQueue closed");
+const testing::Matcher<Call> throwsCanceled = ThrowsMessage<BlockingQueueCanceledException>("BlockingQueue canceled");
 
 TEST(BlockingQueue, HoldsItsCapacityInOrderUntilItIsEmptyAndClosedOrCancelled)
 {
-    for (int capacity = 0; capacity < 4; ++capacity) {
-        Queue queue(static_cast<size_t>(capacity), {});
-        const Pop pop = [&queue] { queue.pop(); };
-        const auto fill = [&] {
-            for (int i = 0; i < capacity; ++i)
-                EXPECT_TRUE(queue.push(std::make_unique<int>(i)));
-            Value refused(new int);
-            EXPECT_FALSE(queue.push(std::move(refused)));
-            EXPECT_TRUE(refused);
+    char letters[] = "abcd";
+    for (size_t capacity = 0; capacity < 4; ++capacity) {
+        std::string destroyed;
+        const auto fill = [&](Queue& queue) {
+            for (size_t i = 0; i <= capacity; ++i) {
+                Value value(letters + i, [&destroyed](const char* letter) { destroyed += *letter; });
+                EXPECT_EQ(queue.push(std::move(value)), i < capacity);
+                EXPECT_EQ(value == nullptr, i < capacity) << "what is refused is still the caller's";
+            }
+            destroyed.clear();
         };
-        // Each round begins at another slot, and the last one behind the close.
-        for (int round = 0; round < 5; ++round) {
-            if (round == 4)
-                queue.close();
-            fill();
-            for (int i = 0; i < capacity; ++i)
-                EXPECT_EQ(i, *(i % 2 ? queue.pop() : queue.tryPop()));
+        {
+            Queue queue(capacity, {});
+            // Each round begins at another slot, and the last one behind the close.
+            for (int round = 0; round < 5; ++round) {
+                if (round == 4)
+                    queue.close();
+                fill(queue);
+                for (size_t i = 0; i < capacity; ++i)
+                    EXPECT_EQ(letters[i], *(i % 2 ? queue.pop() : queue.tryPop()));
+                EXPECT_FALSE(queue.tryPop());
+            }
+            EXPECT_THAT([&queue] { queue.pop(); }, throwsClosed);
+            fill(queue);
+            queue.cancel();
+            EXPECT_THAT([&queue] { queue.pop(); }, throwsCanceled);
             EXPECT_FALSE(queue.tryPop());
         }
-        EXPECT_THAT(pop, throwsClosed);
-        fill();
-        queue.cancel();
-        EXPECT_THAT(pop, throwsCanceled);
-        EXPECT_FALSE(queue.tryPop());
+        EXPECT_EQ(destroyed, std::string(letters, capacity)) << "the oldest first";
     }
     EXPECT_THROW(Queue(SIZE_MAX, {}), std::bad_array_new_length);
     EXPECT_STREQ("FencedQueueOverflowException", FencedQueueOverflowException().what());
-    int elsewhere;
-    EXPECT_DEATH((BlockingQueue<int, std::allocator<int>>(3, {}).next(&elsewhere)),
+    Value elsewhere;
+    EXPECT_DEATH(Queue(3, {}).next(&elsewhere),
                  support::assertion("Quorvil/QuorvilBlockingQueue", "", "p >= array && p <= array + capacity"));
 }
 
@@ -251,56 +232,38 @@ TEST(NonlockingPool, LendsTheObjectGivenBackLastAndIsUnchangedWhereItRefuses)
     EXPECT_DEATH(pool.tryGet(), support::assertion("Quorvil/QuorvilNonlockingPool", "", "newNext - available <= size"));
 }
 
-TEST(QueueAndPool, ChangeNothingWhereTheirMutexCannotBeLocked)
-{
-    int object;
-    NonlockingPool<int> pool(&object, 1);
-    BlockingQueue<int, std::allocator<int>> queue(1, {});
-    queue.push(7);
-    const Pop calls[] = {[&] { queue.push(8); }, [&] { queue.pop(); },      [&] { queue.tryPop(); },
-                         [&] { queue.close(); }, [&] { queue.cancel(); },   [&] { pool.get(); },
-                         [&] { pool.tryGet(); }, [&] { pool.put(&object); }};
-    for (const Pop& call : calls) {
-        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
-        EXPECT_THROW(call(), std::system_error);
-    }
-    EXPECT_EQ(queue.pop(), 7);
-    EXPECT_EQ(pool.get(), &object);
-}
-
-TEST(BlockingQueue, DestroysItsValuesOldestFirst)
-{
-    std::string destroyed;
-    {
-        BlockingQueue<std::shared_ptr<void>, std::allocator<std::shared_ptr<void>>> queue(2, {});
-        for (const char value : {'a', 'b', 'c', 'd'}) {
-            queue.push(std::shared_ptr<void>(nullptr, [&destroyed, value](void*) { destroyed += value; }));
-            if (value < 'c')
-                queue.pop();
-        }
-    }
-    EXPECT_EQ(destroyed, "abcd");
-}
-
-TEST(QueueAndPool, TakeNothingOfTheSystemButTheOneWakeUp)
+TEST(QueueAndPool, TakeNothingOfTheSystemButTheWakeUpOfTheFirstValueAndRefuseWithoutTheirMutex)
 {
     int objects[2];
     NonlockingPool<int> pool(objects, 2);
     BlockingQueue<int*, std::allocator<int*>> queue(2, {});
     expectNothingOfTheSystem([&] {
-        for (int i = 0; i < 100; ++i) {
-            queue.push(pool.get());
-            queue.push(pool.tryGet());
-            pool.put(queue.pop());
-            pool.put(queue.tryPop());
-        }
+        queue.push(pool.get());
+        queue.push(pool.tryGet());
+        pool.put(queue.pop());
+        pool.put(queue.tryPop());
+    });
+    // The woken consumer does not get on before both values are there.
+    std::binary_semaphore pushed(0);
+    const support::HookScope hook(pthread_cond_waitFault, {}, [&pushed] {
+        pthread_mutex_unlock(waitersMutex);
+        pushed.acquire();
+        pthread_mutex_lock(waitersMutex);
     });
     const int waits = pthread_cond_waitFault.calls;
     std::thread consumer([&queue] { queue.pop(); });
     awaitWaits(waits, 1);
     queue.tryPop(); // locks the mutex, and so returns when the consumer sleeps
-    expectNothingOfTheSystem([&] { queue.push(pool.get()); }, {SYS_futex});
+    const int wakeUps = pthread_cond_signalFault.calls;
+    expectNothingOfTheSystem([&] { queue.push(pool.get()), queue.push(pool.get()); }, {SYS_futex});
+    EXPECT_EQ(wakeUps + 1, pthread_cond_signalFault.calls);
+    pushed.release();
     consumer.join();
+    {
+        const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN);
+        EXPECT_THROW(queue.push(objects), std::system_error);
+        EXPECT_THROW(pool.put(objects), std::system_error);
+    }
     expectNothingOfTheSystem([&queue] { queue.close(), queue.cancel(); });
 }
 
@@ -308,18 +271,16 @@ TEST(QueueAndPool, TakeNothingOfTheSystemButTheOneWakeUp)
 
 TEST(CapacityControl, BooksBetweenNothingAndItsCapacity)
 {
-    auto control = CapacityControl::create("buffers", INT_MAX, 1234567);
-    const auto increase = [&control](int amount) { return [&control, amount] { control->increaseSize(amount); }; };
-    const auto exceeds = [](const std::string& numbers) {
-        return ThrowsMessage<util::GeneralException>("Capacity exceeded in CapacityControl buffers: " + numbers);
-    };
-    EXPECT_THAT(increase(INT_MAX), exceeds("1234567 + 2147483647 > 2147483647"));
-    control = CapacityControl::create("buffers", 10, 11);
-    EXPECT_THAT(increase(0), exceeds("11 + 0 > 10"));
-    expectNothingOfTheSystem([&] { control->decreaseSize(11), increase(9)(), increase(0)(); });
-    EXPECT_THAT(increase(3), exceeds("9 + 3 > 10"));
-    const std::string illegal = "Illegal argument for CapacityControl::decreaseSize: size = 9 < 10 = sizeDecrement";
-    EXPECT_THAT([&] { control->decreaseSize(10); }, ThrowsMessage<util::GeneralException>(illegal));
+    const auto control = CapacityControl::create("buffers", 10, 11);
+    const auto increase = [&control](int amount) { return [&, amount] { control->increaseSize(amount); }; };
+    const auto decrease = [&control](int amount) { return [&, amount] { control->decreaseSize(amount); }; };
+    const auto refuses = [](const std::string& message) { return ThrowsMessage<util::GeneralException>(message); };
+    EXPECT_THAT(increase(0), refuses("Capacity exceeded in CapacityControl buffers: 11 + 0 > 10"));
+    expectNothingOfTheSystem([&] { decrease(11)(), increase(9)(), increase(0)(); });
+    EXPECT_THAT(increase(INT_MAX), refuses("Capacity exceeded in CapacityControl buffers: 9 + 2147483647 > 10"));
+    EXPECT_THAT(decrease(10),
+                refuses("Illegal argument for CapacityControl::decreaseSize: size = 9 < 10 = sizeDecrement"));
+    increase(1)();
     const auto failure = [](const std::string& function, const std::string& expression) {
         return support::assertion("Quorvil/QuorvilCapacityControl",
                                   "virtual void quorvil::CapacityControlImpl::" + function, expression);

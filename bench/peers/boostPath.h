@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace peers {
+namespace bench {
 
 using BoostPath = boost::filesystem::path;
 
@@ -16,6 +16,6 @@ inline std::string normal(const BoostPath& path)
     return path.lexically_normal().native();
 }
 
-} // namespace peers
+} // namespace bench
 
 #endif

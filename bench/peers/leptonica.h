@@ -19,7 +19,7 @@ public:
     LeptonicaImage(int widthPixels, int heightPixels)
         : pix(pixCreate(widthPixels, heightPixels, 1))
     {
-        if (pix == nullptr)
+        if (!pix)
             throw std::runtime_error("pixCreate failed");
     }
 

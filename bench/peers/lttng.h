@@ -4,15 +4,6 @@
 #ifndef QUORVIL_BENCH_PEERS_LTTNG_H
 #define QUORVIL_BENCH_PEERS_LTTNG_H
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpedantic"
-#pragma GCC diagnostic ignored "-Wconversion"
-#pragma GCC diagnostic ignored "-Wsign-conversion"
-#pragma GCC diagnostic ignored "-Wshadow"
-#define LTTNG_UST_TRACEPOINT_CREATE_PROBES
-#define LTTNG_UST_TRACEPOINT_DEFINE
-#include "bench/peers/lttngProvider.h"
-
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -24,13 +15,27 @@
 
 #include <unistd.h>
 
+// The macros of the tracer do not compile without warnings.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic"
+#pragma GCC diagnostic ignored "-Wconversion"
+#pragma GCC diagnostic ignored "-Wsign-conversion"
+#pragma GCC diagnostic ignored "-Wshadow"
+#define LTTNG_UST_TRACEPOINT_CREATE_PROBES
+#define LTTNG_UST_TRACEPOINT_DEFINE
+#include "bench/peers/lttngProvider.h"
+
 namespace bench {
 
 inline void lttngTrace(const char* name)
 {
     lttng_ust_tracepoint(quorvil_bench, entry, name);
 }
+
+} // namespace bench
 #pragma GCC diagnostic pop
+
+namespace bench {
 
 /// Turns the tracepoint on for as long as it lives, with a session daemon of its own where none runs.
 class LttngSession

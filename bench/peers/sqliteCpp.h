@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace peers {
+namespace bench {
 
 class SqliteCppJobs
 {
@@ -43,6 +43,6 @@ private:
     SQLite::Statement statement;
 };
 
-} // namespace peers
+} // namespace bench
 
 #endif

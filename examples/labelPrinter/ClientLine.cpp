@@ -91,8 +91,8 @@ std::string ClientLine::answerTo(Connection& client)
 {
     try {
         const std::string text = client.receive();
-        if (text == "status\n" || text == "status\r\n" || text == "status")
-            return status.line();
+        if (const auto words = status.answer(text.substr(0, text.find_last_not_of("\r\n") + 1)))
+            return *words;
         return "accepted " + std::to_string(desk.accept(text, fromNetwork));
     } catch (const std::exception& reason) {
         return std::string("refused: ") + reason.what();

@@ -19,8 +19,8 @@ namespace labelPrinter {
 class JobDesk;
 class Status;
 
-/// Takes the job of each client that it is given to the desk, and sends the answer. The client that sends the single
-/// line `status` gets the printer's.
+/// Takes the job of each client that it is given to the desk, and sends the answer. The client that sends a single
+/// word that the status answers gets that answer.
 class ClientLine
 {
 public:

@@ -17,16 +17,21 @@ public:
     using Failure::Failure;
 };
 
-/// The words of the command line. At most one of `help`, `stored`, `job` and `service.port` is set.
+/// The words of the command line. At most one of `help`, `version`, `selfTest`, `stored`, `job` and `service.port` is
+/// set.
 struct CommandLine
 {
     bool help = false;
+    bool version = false;
+    bool selfTest = false;
     /// A stored page that is to be shown.
     std::string stored;
     /// A job file that is to be printed.
     std::string job;
     /// Where the results go.
     std::string out;
+    /// Whether to wait for ENTER before each page.
+    bool manualFeed = false;
     /// Options that are not for the service alone stand here as well: drives, times, trace.
     ServiceOptions service;
 };

@@ -11,6 +11,8 @@ namespace {
 
 constexpr int mostSilentSeconds = 5;
 constexpr int mostSeconds = 60;
+/// Of the longest job, with a last line "end\r" behind it whose end has not come yet.
+constexpr size_t mostBytes = longestJob + 4;
 
 bool isEndLine(const std::string& text, size_t lineBegin)
 {
@@ -41,14 +43,14 @@ std::string Connection::receive()
         if (byte == '\n')
             lineBegin = text.size();
         // The rest is read, too: a client that is still sending would lose its answer if we closed.
-        if (text.size() > longestJob) {
+        if (text.size() > mostBytes) {
             tooLong = true;
             text.clear();
             lineBegin = 0;
         }
     }
     if (tooLong)
-        text.assign(longestJob + 1, '#');
+        text.assign(mostBytes + 1, '#');
     const std::lock_guard lock(mutex);
     if (state == State::dropped)
         throw Failure("the client was dropped");

@@ -34,20 +34,24 @@ void serve(const ServiceOptions& options)
 
 Controller::Controller(const ServiceOptions& options)
     : folder(options.state)
+    , spoolFolder(makeFolder(options.spool.empty() ? folder.spool() : options.spool))
     , drives(options.drives)
     , store(folder.database())
     , times(options.times)
     , gate("the printer")
-    , output(flow, store, folder, status, times, gate)
+    , notifier(options.notify)
+    , output(flow, store, folder, status, times, gate, notifier)
     , engine(flow, gate)
-    , worker(store, drives, flow, output, status, times)
+    , worker(store, drives, flow, output, status, times, notifier)
     , workerThread(std::in_place, &worker)
     , desk(drives, store, status, *workerThread)
     , intake(options.port, desk, status, gate)
-    , spool(makeFolder(options.spool.empty() ? folder.spool() : options.spool), desk)
+    , spool(spoolFolder, desk)
     , sensor(engine, flow, status, store, *workerThread)
     , heartbeatSeconds(options.heartbeatSeconds)
 {
+    if (options.console)
+        console.emplace(status);
 }
 
 Controller::~Controller()
@@ -63,9 +67,13 @@ void Controller::start()
     spoolThread.emplace(&spool, Spool::intervalMicroseconds);
     sensorThread.emplace(&sensor, Sensor::intervalMicroseconds);
     heartbeat.emplace(status, heartbeatSeconds);
+    if (console)
+        consoleThread.emplace(&*console, Console::intervalMicroseconds);
     gate.setInitialized();
     spoolThread->start();
     sensorThread->start();
+    if (consoleThread)
+        consoleThread->start();
     workerThread->notify();
 }
 
@@ -75,12 +83,14 @@ void Controller::stop()
     gate.setInitialized();
     interrupt();
     heartbeat.reset();
+    consoleThread.reset();
     intake.stop();
     spoolThread.reset();
     sensorThread.reset();
     workerThread.reset();
     engine.stop();
     output.stop();
+    notifier.stop();
     store.giveBackAll();
     times.close();
 }

@@ -3,12 +3,14 @@
 #ifndef LABELPRINTER_CONTROLLER_H
 #define LABELPRINTER_CONTROLLER_H
 
+#include "Console.h"
 #include "Drives.h"
 #include "Engine.h"
 #include "Heartbeat.h"
 #include "Intake.h"
 #include "JobDesk.h"
 #include "JobStore.h"
+#include "Notifier.h"
 #include "Output.h"
 #include "PageFlow.h"
 #include "Sensor.h"
@@ -35,9 +37,12 @@ struct ServiceOptions
     std::string state;
     /// Empty: the system's fixed folder, and `spool` in the state folder.
     std::string drives, spool;
+    /// A shell command for each job that leaves; empty: none.
+    std::string notify;
     bool times = false;
     bool trace = false;
     bool dumpCore = false;
+    bool console = false;
     int heartbeatSeconds = 0;
 };
 
@@ -69,12 +74,15 @@ public:
 
 private:
     StateFolder folder;
+    /// Made before the worker: were there none, the worker would begin a job that nobody prints.
+    std::string spoolFolder;
     Drives drives;
     JobStore store;
     Status status;
     TimeRecords times;
     PageFlow flow;
     util::InitCondVar gate;
+    Notifier notifier;
     Output output;
     Engine engine;
     Worker worker;
@@ -87,6 +95,8 @@ private:
     std::optional<PollingThread> sensorThread;
     std::optional<Heartbeat> heartbeat;
     int heartbeatSeconds;
+    std::optional<Console> console;
+    std::optional<PollingThread> consoleThread;
 };
 
 } // namespace labelPrinter

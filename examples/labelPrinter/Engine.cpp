@@ -3,6 +3,7 @@
 #include "NamedThread.h"
 #include "Trace.h"
 
+#include "Quorvil/QuorvilBits.h"
 #include "Quorvil/ThreadSafeStream.h"
 
 #include <algorithm>
@@ -21,6 +22,12 @@ namespace {
 constexpr int priority = 50;
 constexpr uint32_t stackKiB = 128;
 constexpr int bandRows = 256;
+
+/// The bits of the engine's word: the row, and two flags.
+constexpr int rowBits = 22;
+constexpr int feedingBit = 22;
+constexpr int realTimeBit = 23;
+static_assert(Engine::rowsPerRoll <= 1 << rowBits);
 
 /// Whether a thread of this process may have the engine's priority: 0, or the error number. Both kinds of real-time
 /// thread end the process where the answer is no, so it is asked beforehand, by the calling thread for itself.
@@ -64,6 +71,7 @@ void Engine::start()
     const int error = realTimeError();
     const CallerKeepsName callerKeepsName;
     if (error == 0) {
+        word = 1U << realTimeBit;
         NonLockingWaitThreadBase::start(this, priority);
         safeCout << "labelPrinter: the engine has real-time priority " << priority << std::endl;
         return;
@@ -89,9 +97,18 @@ void Engine::stop()
     }
 }
 
-quorvil::Pos Engine::position() const
+EngineState Engine::state() const
 {
-    return {row};
+    const uint32_t now = word;
+    return {{static_cast<int>(bits(now, 0, rowBits))}, bits(now, feedingBit, 1) != 0, bits(now, realTimeBit, 1) != 0};
+}
+
+void Engine::tell(int row, bool feeding)
+{
+    uint32_t now = word;
+    setBits(now, 0, rowBits, static_cast<uint32_t>(row));
+    setBits(now, feedingBit, 1, feeding);
+    word = now;
 }
 
 void Engine::waitOnce()
@@ -114,13 +131,16 @@ void Engine::event()
 {
     const Image& image = page->image;
     page->dots = 0;
+    int row = state().position.pos;
     for (int y = 0; y < image.height(); y += bandRows) {
         const int end = std::min(y + bandRows, image.height());
         for (int band = y; band < end; ++band)
             page->dots += blackDots(image.row(band), image.bytesPerRow());
         row = quorvil::stream::normalizePos(row + end - y, rowsPerRoll);
+        tell(row, true);
         traceBand(page->number, y / bandRows + 1, y, true);
     }
+    tell(row, false);
     page->reach("fed");
 }
 

@@ -11,8 +11,18 @@
 #include "Quorvil/QuorvilPthread.h"
 
 #include <atomic>
+#include <cstdint>
 
 namespace labelPrinter {
+
+/// What the engine tells of itself, all of one moment.
+struct EngineState
+{
+    /// Of the paper, in rows from the beginning of its roll.
+    quorvil::Pos position{0};
+    bool feeding = false;
+    bool realTime = false;
+};
 
 /// Takes pages from the worker, feeds them band by band, and hands them to the output. While it feeds, it allocates
 /// nothing and writes nothing; what it does goes into the flight recorder and into the page's times.
@@ -35,19 +45,21 @@ public:
     /// Feeds what it was given and ends. Nothing may be given to it any more.
     void stop();
 
-    /// Where the paper is, in rows from the beginning of its roll. Any thread may ask.
-    quorvil::Pos position() const;
+    /// Any thread may ask.
+    EngineState state() const;
 
     /// Waits for one page and feeds it: the thread's step.
     void waitOnce() override;
 
 private:
     void event() override;
+    void tell(int row, bool feeding);
 
     PageFlow& flow;
     util::InitCondVar& gate;
     PageHandle page;
-    std::atomic<int> row{0};
+    /// The state in one word, so that nobody sees a half of it.
+    std::atomic<uint32_t> word{0};
     /// In place of the real-time thread.
     quorvil::Pthread ordinary;
     bool started = false;

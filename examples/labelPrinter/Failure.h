@@ -3,6 +3,7 @@
 #ifndef LABELPRINTER_FAILURE_H
 #define LABELPRINTER_FAILURE_H
 
+#include <cerrno>
 #include <cstddef>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,23 @@ class Failure : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
+
+    /// A failure that says nothing against the job: later, the same may succeed.
+    static Failure passing(const std::string& text)
+    {
+        Failure failure(text);
+        failure.mayPass = true;
+        return failure;
+    }
+
+    /// Whether it is such a one.
+    bool passes() const
+    {
+        return mayPass;
+    }
+
+private:
+    bool mayPass = false;
 };
 
 /// The text with a question mark for each control character: names of files may hold what drives a terminal.
@@ -29,10 +47,13 @@ inline std::string printable(std::string text)
     return text;
 }
 
-/// A failed call of the system: the file's name and the system's words for `errorNumber`.
+/// A failed call of the system: the file's name and the system's words for `errorNumber`. A lack of descriptors or
+/// memory and a device that does not answer pass.
 inline Failure systemFailure(const std::string& path, int errorNumber)
 {
-    return Failure(path + ": " + std::generic_category().message(errorNumber));
+    const std::string text = path + ": " + std::generic_category().message(errorNumber);
+    const bool passes = errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM || errorNumber == EIO;
+    return passes ? Failure::passing(text) : Failure(text);
 }
 
 } // namespace labelPrinter

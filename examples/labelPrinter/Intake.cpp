@@ -58,11 +58,12 @@ void Intake::stop()
     } catch (const net::SocketException& trouble) {
         tell(trouble.getMessage());
     }
+    // First the listener: a client that it has just accepted is to hear from its line that the printer is stopping.
+    if (std::exchange(started, false))
+        join();
     for (auto& line : lines)
         if (line)
             line->stop();
-    if (std::exchange(started, false))
-        join();
     watch.reset();
     for (auto& line : lines)
         line.reset();
@@ -73,10 +74,8 @@ void Intake::run()
     nameThread("listener");
     gate.waitUntilInitialized("labelPrinter: the listener");
     while (!isStopping()) {
-        if (const auto server = listen()) {
+        if (const auto server = listen())
             acceptClients(*server);
-            giveUp(*server);
-        }
         pause();
     }
 }
@@ -101,16 +100,15 @@ std::shared_ptr<net::ServerSocket> Intake::listen()
 void Intake::acceptClients(net::ServerSocket& server)
 {
     try {
-        for (;;) {
+        while (!isStopping()) {
             // First a line, then a client: what we cannot serve yet is better off in the system's queue.
             ClientLine* const line = freeLines.pop().line;
-            try {
-                line->serve(server.accept());
-            } catch (const net::SocketException& trouble) {
+            if (auto client = accept(server)) {
+                line->serve(std::move(client));
+            } else {
                 freeLines.push(FreeLine{line});
-                if (!isStopping())
-                    tell(trouble.getMessage());
-                return;
+                // Were the port closed, the connections that have just ended would keep it taken for a minute.
+                pause();
             }
         }
     } catch (const quorvil::BlockingQueueCanceledException&) {
@@ -118,17 +116,17 @@ void Intake::acceptClients(net::ServerSocket& server)
     }
 }
 
-void Intake::giveUp(net::ServerSocket& server)
+net::Socket::Ptr Intake::accept(net::ServerSocket& server)
 {
-    {
-        const util::Lock lock(mutex);
-        listening.reset();
-    }
     try {
-        // The clients that are being served would keep it open.
-        server.close();
+        auto client = server.accept();
+        const util::Lock lock(mutex);
+        told.clear();
+        return client;
     } catch (const net::SocketException& trouble) {
-        tell(trouble.getMessage());
+        if (!isStopping())
+            tell(trouble.getMessage());
+        return nullptr;
     }
 }
 

@@ -49,7 +49,8 @@ private:
     void event() override;
     std::shared_ptr<net::ServerSocket> listen();
     void acceptClients(net::ServerSocket& server);
-    void giveUp(net::ServerSocket& server);
+    /// The next client, or none, and why is told.
+    net::Socket::Ptr accept(net::ServerSocket& server);
     void tell(const std::string& trouble);
     bool isStopping();
     /// Waits until it is time to try again, or `stop` is called.

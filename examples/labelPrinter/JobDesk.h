@@ -43,8 +43,7 @@ public:
     ///
     /// @param origin  as for `readJob`
     /// @return the job's number
-    /// @throws StoreFailure  it cannot be stored now
-    /// @throws Failure       the job is refused, with the reason
+    /// @throws Failure  the job is refused, with the reason; one that passes: it cannot be read or stored now
     int accept(const std::string& text, const std::string& origin);
 
 private:

@@ -105,6 +105,12 @@ Failure JobLine::failure(const std::string& text) const
     return Failure(jobPath + ":" + std::to_string(ownNumber) + ": " + text);
 }
 
+Failure JobLine::failure(const Failure& reason) const
+{
+    const Failure whole = failure(std::string(reason.what()));
+    return reason.passes() ? Failure::passing(whole.what()) : whole;
+}
+
 std::string JobLine::quoted(const std::string& word)
 {
     return "'" + (word.size() > longestQuote ? word.substr(0, longestQuote) + "..." : word) + "'";

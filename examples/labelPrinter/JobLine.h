@@ -52,6 +52,9 @@ public:
     /// What is wrong, with file and line before it.
     Failure failure(const std::string& text) const;
 
+    /// The same for what something that the line names failed with. It passes if `reason` does.
+    Failure failure(const Failure& reason) const;
+
     /// A word of the job, fit for a message: short, between quotes.
     static std::string quoted(const std::string& word);
 

@@ -25,6 +25,9 @@ public:
     /// A reader of a job file, whose pictures' paths are looked up from its folder.
     explicit JobReader(const std::string& path);
 
+    /// Notes the words that this reader implements, as every constructor does.
+    static void noteWords();
+
     /// Reads the job from the file that its name is, and its pictures. One call a reader.
     ///
     /// @throws Failure  with file and line: a file cannot be read, a line cannot be understood, a number is out of
@@ -70,6 +73,7 @@ private:
     void readPicture(JobLine& line);
     void readSerial(JobLine& line);
     void readSerialPairs(JobLine& line);
+    void readNotYet(JobLine& line);
 
     void addSerial(JobLine& line, int digitsPerCell);
     void add(const JobLine& line, decltype(Statement::drawing) drawing);

@@ -1,5 +1,7 @@
 #include "JobStore.h"
 
+#include "Failure.h"
+
 #include "Quorvil/GeneralException.h"
 
 namespace labelPrinter {
@@ -62,7 +64,7 @@ int JobStore::add(const std::string& text, const std::string& origin)
     try {
         waiting->increaseSize(1);
     } catch (const util::GeneralException&) {
-        throw StoreFailure("too many jobs are waiting");
+        throw Failure::passing("too many jobs are waiting");
     }
     const int id = ++lastId;
     PrepStat insert(database, "INSERT INTO jobs (id, text, origin, state) VALUES (?1, ?2, ?3, 'accepted')");
@@ -75,7 +77,7 @@ int JobStore::add(const std::string& text, const std::string& origin)
     if (insert.getState() == PrepStat::DONE)
         return id;
     jobLeaves();
-    throw StoreFailure(reason(insert.lastResult()));
+    throw Failure::passing(reason(insert.lastResult()));
 }
 
 std::optional<StoredJob> JobStore::take()
@@ -121,11 +123,12 @@ int JobStore::nextToPrint()
 void JobStore::finish(int id, const std::string& state, const std::string& message)
 {
     const util::Lock lock(mutex);
+    // First, so that it is known whatever fails below.
+    unsaved[id] = {state, message};
     inWork.erase(id);
     held.erase(id);
     jobLeaves();
-    if (!save(id, {state, message}))
-        unsaved[id] = {state, message};
+    saveUnsaved();
 }
 
 bool JobStore::hold(int id, const std::string& message)
@@ -140,13 +143,12 @@ bool JobStore::hold(int id, const std::string& message)
     return isNew;
 }
 
-bool JobStore::releaseHeld()
+void JobStore::releaseHeld()
 {
     const util::Lock lock(mutex);
     saveUnsaved();
     for (auto& [id, hold] : held)
         hold.released = true;
-    return !held.empty();
 }
 
 void JobStore::giveBackAll()

@@ -3,8 +3,6 @@
 #ifndef LABELPRINTER_JOBSTORE_H
 #define LABELPRINTER_JOBSTORE_H
 
-#include "Failure.h"
-
 #include "Quorvil/QuorvilCapacityControl.h"
 #include "Quorvil/WaitCond.h"
 #include "Quorvil/sqlite3cpp.h"
@@ -16,13 +14,6 @@
 #include <string>
 
 namespace labelPrinter {
-
-/// The database cannot take a job now. The job itself may be right.
-class StoreFailure : public Failure
-{
-public:
-    using Failure::Failure;
-};
 
 /// A job as the database keeps it.
 struct StoredJob
@@ -58,7 +49,7 @@ public:
     /// Stores a job. It is on the disk when the call returns.
     ///
     /// @return its number, from 1
-    /// @throws StoreFailure  too many jobs are waiting, or the database cannot be written: the job is not accepted
+    /// @throws Failure  that passes: too many jobs are waiting, or the database cannot be written; it is not accepted
     int add(const std::string& text, const std::string& origin);
 
     /// Takes the oldest job that waits and is not held.
@@ -79,9 +70,7 @@ public:
     bool hold(int id, const std::string& message);
 
     /// Lets held jobs be taken again, and writes states that could not be written.
-    ///
-    /// @return whether a job was held
-    bool releaseHeld();
+    void releaseHeld();
 
     /// Gives back every job that was taken: nobody prints any more.
     void giveBackAll();

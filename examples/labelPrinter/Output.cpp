@@ -4,6 +4,7 @@
 #include "Interrupt.h"
 #include "JobStore.h"
 #include "NamedThread.h"
+#include "Notifier.h"
 #include "PageResults.h"
 #include "StateFolder.h"
 #include "Status.h"
@@ -17,13 +18,14 @@
 namespace labelPrinter {
 
 Output::Output(PageFlow& theFlow, JobStore& theStore, const StateFolder& theFolder, Status& theStatus,
-               TimeRecords& theTimes, util::InitCondVar& theGate)
+               TimeRecords& theTimes, util::InitCondVar& theGate, Notifier& theNotifier)
     : flow(theFlow)
     , store(theStore)
     , folder(theFolder)
     , status(theStatus)
     , times(theTimes)
     , gate(theGate)
+    , notifier(theNotifier)
     , counters(folder.counters())
 {
 }
@@ -95,16 +97,24 @@ void Output::write(PageInFlight& page)
 
 void Output::finishJob(const PageInFlight& page)
 {
+    const std::string title = onDisplay(page.title);
+    const std::string line = "job " + std::to_string(page.job) + (title.empty() ? "" : " '" + title + "'") +
+                             " printed: " + folder.results(page.job) + (page.pages == 1 ? "" : "-0001 and so on") +
+                             " (.pbm .png .qrl), " + std::to_string(page.pages) +
+                             (page.pages == 1 ? " page" : " pages");
     results->keep();
     results.reset();
     // From here on the job is printed; were the process killed before this is stored, it would be printed again.
-    store.finish(page.job, "printed", "");
-    status.jobPrinted(page.pages);
-    counters.countJob();
-    const std::string title = onDisplay(page.title);
-    safeCout << "job " << page.job << (title.empty() ? "" : " '" + title + "'")
-             << " printed: " << folder.results(page.job) << (page.pages == 1 ? "" : "-0001 and so on")
-             << " (.pbm .png .qrl), " << page.pages << (page.pages == 1 ? " page" : " pages") << std::endl;
+    try {
+        store.finish(page.job, "printed", "");
+        status.jobPrinted(page.job, page.pages);
+        counters.countJob();
+        safeCout << line << std::endl;
+        notifier.jobLeft(page.job, "printed");
+    } catch (const std::exception& lackOfMemory) {
+        // Not for our caller: a job that has been printed is not given up.
+        safeCerr << "labelPrinter: job " << page.job << " is printed, but: " << lackOfMemory.what() << std::endl;
+    }
 }
 
 void Output::giveUp(PageInFlight& page, const std::exception& reason)

@@ -17,6 +17,7 @@
 namespace labelPrinter {
 
 class JobStore;
+class Notifier;
 class StateFolder;
 class Status;
 
@@ -26,9 +27,9 @@ class Status;
 class Output
 {
 public:
-    /// @param flow, store, folder, status, times, gate  not owned, outlive this object
+    /// @param flow, store, folder, status, times, gate, notifier  not owned, outlive this object
     Output(PageFlow& flow, JobStore& store, const StateFolder& folder, Status& status, TimeRecords& times,
-           util::InitCondVar& gate);
+           util::InitCondVar& gate, Notifier& notifier);
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -56,6 +57,7 @@ private:
     Status& status;
     TimeRecords& times;
     util::InitCondVar& gate;
+    Notifier& notifier;
     Counters counters;
     /// Of the job that is being written.
     std::optional<ResultFiles> results;

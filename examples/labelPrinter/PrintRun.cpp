@@ -11,6 +11,7 @@
 #include "ResultFiles.h"
 #include "RunLengthFile.h"
 
+#include "Quorvil/EnterIfInteractive.h"
 #include "Quorvil/ThreadSafeStream.h"
 
 #include <cstdio>
@@ -32,7 +33,7 @@ std::string inMilliseconds(const util::TimeSpec& time)
 
 } // namespace
 
-void print(const std::string& jobPath, const std::string& out, const Drives* drives, PageTimes& times)
+void print(const std::string& jobPath, const std::string& out, const Drives* drives, PageTimes& times, bool manualFeed)
 {
     Job job = JobReader(jobPath, PicturePlaces::besideFile(jobPath, drives)).read();
     ResultFiles results;
@@ -43,6 +44,7 @@ void print(const std::string& jobPath, const std::string& out, const Drives* dri
     Progress progress(job.pages);
     Composer composer(job, progress);
     for (int page = 1; page <= job.pages; ++page) {
+        enterIfInteractive(manualFeed, "page " + std::to_string(page) + " of " + std::to_string(job.pages));
         times.begin(page);
         progress.beginComposing();
         const Image& image = composer.compose(page);

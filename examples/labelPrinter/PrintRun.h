@@ -16,9 +16,10 @@ class PageTimes;
 ///
 /// @param drives  where the job's names with a drive's letter lead to; without them letters mean nothing
 /// @param times   gets the stations of each page
+/// @param manualFeed  waits for ENTER before each page: somebody puts the paper in by hand
 /// @throws Failure  anything went wrong. The folder of `out` is then as it was, unless it was the last steps that went
 ///                  wrong: renaming, bringing the folder onto the disk, printing the summary. The text tells these.
-void print(const std::string& jobPath, const std::string& out, const Drives* drives, PageTimes& times);
+void print(const std::string& jobPath, const std::string& out, const Drives* drives, PageTimes& times, bool manualFeed);
 
 /// Turns a run-length file back into a picture.
 ///

@@ -14,7 +14,8 @@ namespace labelPrinter {
 namespace {
 
 constexpr int lowPercent = 10;
-constexpr int looksPerRetry = 25;
+constexpr int looksPerSecond = 1'000'000 / Sensor::intervalMicroseconds;
+constexpr int looksPerRetry = 5 * looksPerSecond;
 
 } // namespace
 
@@ -24,20 +25,24 @@ Sensor::Sensor(const Engine& theEngine, PageFlow& theFlow, Status& theStatus, Jo
     , status(theStatus)
     , store(theStore)
     , worker(theWorker)
+    , speed(Engine::rowsPerRoll, looksPerSecond)
 {
 }
 
 void Sensor::event()
 {
     nameThread("sensor");
-    const quorvil::Pos position = engine.position();
-    const int left = 100 - static_cast<int>(int64_t{position.pos} * 100 / Engine::rowsPerRoll);
-    status.sensed({position, left, flow.inFlight()});
+    const EngineState now = engine.state();
+    const int left = 100 - static_cast<int>(int64_t{now.position.pos} * 100 / Engine::rowsPerRoll);
+    status.sensed({now.position, left, flow.inFlight(), speed.look(now.position), now.feeding, now.realTime});
     if (left <= lowPercent && !warned)
         safeCerr << "labelPrinter: " << left << " % of the paper are left" << std::endl;
     warned = left <= lowPercent;
-    if (++looks % looksPerRetry == 0 && store.releaseHeld())
-        worker.notify();
+    if (++looks % looksPerRetry != 0)
+        return;
+    store.releaseHeld();
+    // Always: the worker also sleeps where it found jobs that it could not read.
+    worker.notify();
 }
 
 } // namespace labelPrinter

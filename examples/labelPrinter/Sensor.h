@@ -3,6 +3,8 @@
 #ifndef LABELPRINTER_SENSOR_H
 #define LABELPRINTER_SENSOR_H
 
+#include "FeedSpeed.h"
+
 #include "Quorvil/PollingThread.h"
 
 class WaitThread;
@@ -15,7 +17,7 @@ class PageFlow;
 class Status;
 
 /// Reads the engine's position and the paper that is left, and tells the status. It warns once a roll where little is
-/// left. Every 5 seconds it lets held jobs be tried again.
+/// left. Every 5 seconds it lets held jobs be tried again, and those that could not be read.
 class Sensor : public IPollingThreadHandler
 {
 public:
@@ -34,6 +36,7 @@ private:
     Status& status;
     JobStore& store;
     WaitThread& worker;
+    FeedSpeed speed;
     bool warned = false;
     int looks = 0;
 };

@@ -3,7 +3,6 @@
 #include "Failure.h"
 #include "InputFile.h"
 #include "JobDesk.h"
-#include "JobStore.h"
 #include "NamedThread.h"
 
 #include "Quorvil/ScanDir.h"
@@ -56,6 +55,7 @@ void Spool::event()
                 (done == settled.end() || !(done->second == version)))
                 take(name);
         }
+        std::erase_if(settled, [&now](const auto& entry) { return !now.contains(entry.first); });
         seen = std::move(now);
     } catch (const std::exception& trouble) {
         tell(trouble.what());
@@ -84,13 +84,26 @@ void Spool::take(const std::string& name)
         const int id = desk.accept(contentOf(path), path);
         safeCout << "job " << id << " accepted from " << printable(path) << std::endl;
         settle(name, ".accepted");
-    } catch (const StoreFailure& later) {
-        tell(later.what());
     } catch (const Failure& reason) {
+        if (reason.passes()) {
+            tell(reason.what());
+            return;
+        }
         safeCerr << "labelPrinter: refused: " << printable(reason.what()) << std::endl;
-        std::ofstream(path.substr(0, path.size() - jobEnding().size()) + ".reason") << printable(reason.what()) << "\n";
+        writeReason(path, printable(reason.what()));
         settle(name, ".refused");
     }
+}
+
+void Spool::writeReason(const std::string& path, const std::string& reason)
+{
+    const std::string target = path.substr(0, path.size() - jobEnding().size()) + ".reason";
+    errno = 0;
+    std::ofstream file(target);
+    file << reason << "\n";
+    file.close();
+    if (!file)
+        tell(systemFailure(target, errno).what());
 }
 
 void Spool::settle(const std::string& name, const std::string& ending)

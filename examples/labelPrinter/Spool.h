@@ -16,7 +16,7 @@ class JobDesk;
 
 /// Looks into a folder for files NAME.label, in the order of their names. A file that has not changed since the last
 /// look goes to the desk, and becomes NAME.accepted, or NAME.refused with the reason in NAME.reason. While the job
-/// cannot be stored, its file stays.
+/// cannot be read or stored, its file stays.
 ///
 /// A process that is killed between the two takes the file a second time: the job is printed twice, and not lost.
 class Spool : public IPollingThreadHandler
@@ -46,6 +46,7 @@ private:
 
     Versions look();
     void take(const std::string& name);
+    void writeReason(const std::string& path, const std::string& reason);
     void settle(const std::string& name, const std::string& ending);
     void tell(const std::string& trouble);
 

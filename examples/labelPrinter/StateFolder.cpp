@@ -2,6 +2,7 @@
 
 #include "Failure.h"
 
+#include "Quorvil/QuorvilIbuf.h"
 #include "Quorvil/ScanDir.h"
 
 #include <cerrno>
@@ -20,7 +21,9 @@ bool isTemporary(const std::string& name)
 {
     const std::string mark = ".tmp";
     const size_t at = name.rfind(mark);
-    return at != std::string::npos && name.find_first_not_of("0123456789", at + mark.size()) == std::string::npos;
+    if (at == std::string::npos || at + mark.size() == name.size())
+        return false;
+    return name.find_first_not_of("0123456789", at + mark.size()) == std::string::npos;
 }
 
 /// Locks the file for this process. A child that it forks, for a core dump, does not inherit the lock.
@@ -42,7 +45,7 @@ int lockFile(const std::string& path)
     const std::string number = std::to_string(getpid()) + "\n";
     // The number is for people: without it the lock is one all the same.
     if (ftruncate(descriptor, 0) != 0 || write(descriptor, number.data(), number.size()) < 0)
-        errno = 0;
+        quorvil::ibuf::perror_errno(path.c_str(), errno);
     return descriptor;
 }
 

@@ -26,16 +26,18 @@ void Status::jobBegun(int job, const std::string& title)
     display = shown;
 }
 
-void Status::jobPrinted(int jobPages)
+void Status::jobPrinted(int job, int jobPages)
 {
-    const quorvil::sync::Guard guard(group, source, __LINE__);
+    quorvil::sync::Guard guard(group, source, __LINE__);
+    recent.add(guard, job, "printed");
     ++printed;
     pages += jobPages;
 }
 
-void Status::jobFailed()
+void Status::jobFailed(int job)
 {
-    const quorvil::sync::Guard guard(group, source, __LINE__);
+    quorvil::sync::Guard guard(group, source, __LINE__);
+    recent.add(guard, job, "failed");
     ++failed;
 }
 
@@ -54,7 +56,21 @@ std::string Status::line()
     if (lastJob != 0)
         out << ", last: job " << lastJob << (display.empty() ? "" : " '" + display + "'");
     out << ", " << readings.pagesInFlight << " in flight, paper at " << readings.paper << ", " << readings.paperLeft
-        << " % left";
+        << " % left, " << readings.rowsPerSecond << " rows/s, engine " << (readings.feeding ? "feeding" : "at rest")
+        << (readings.realTime ? "" : " (without real-time priority)");
+    return out.str();
+}
+
+std::optional<std::string> Status::answer(const std::string& word)
+{
+    if (word == "status")
+        return line();
+    if (word != "jobs")
+        return std::nullopt;
+    std::ostringstream out;
+    const quorvil::sync::Guard guard(group, source, __LINE__);
+    out << "ended last: ";
+    recent.print(out);
     return out.str();
 }
 

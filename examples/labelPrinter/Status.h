@@ -3,9 +3,12 @@
 #ifndef LABELPRINTER_STATUS_H
 #define LABELPRINTER_STATUS_H
 
+#include "RecentJobs.h"
+
 #include "Quorvil/QuorvilPos.h"
 #include "Quorvil/QuorvilSyncLockGroup.h"
 
+#include <optional>
 #include <string>
 
 namespace labelPrinter {
@@ -18,6 +21,9 @@ struct Readings
     /// Percent of the roll.
     int paperLeft = 100;
     int pagesInFlight = 0;
+    int rowsPerSecond = 0;
+    bool feeding = false;
+    bool realTime = false;
 };
 
 /// The figures that all threads tell and ask, from the start of the process on.
@@ -30,13 +36,18 @@ public:
 
     /// @param title  of the job, or empty
     void jobBegun(int job, const std::string& title);
-    void jobPrinted(int pages);
-    void jobFailed();
+    void jobPrinted(int job, int pages);
+    void jobFailed(int job);
     void sensed(const Readings& now);
 
     /// All of it, such as "2 accepted, 1 printed (1 page), 0 failed, last: job 2 'SHIPPING', 0 in flight, paper at (Pos
-    /// 3600), 99 % left".
+    /// 3600), 99 % left, 900 rows/s, engine at rest".
     std::string line();
+
+    /// What is answered to a word of a client or an operator: to `status` the line, to `jobs` the jobs that ended last.
+    ///
+    /// @return nothing where it is another word
+    std::optional<std::string> answer(const std::string& word);
 
 private:
     quorvil::sync::LockGroup group;
@@ -47,6 +58,7 @@ private:
     int lastJob = 0;
     std::string display;
     Readings readings;
+    RecentJobs recent;
 };
 
 } // namespace labelPrinter

@@ -15,6 +15,9 @@ class StopSignals
 public:
     StopSignals();
 
+    /// As if one of them had come, also where all are ignored. Any thread may call, once such an object is there.
+    static void stop();
+
     /// Waits for one of them. From then on they end the process at once: somebody is in a hurry.
     ///
     /// @return its number

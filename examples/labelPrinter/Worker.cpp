@@ -5,6 +5,7 @@
 #include "Interrupt.h"
 #include "JobDesk.h"
 #include "NamedThread.h"
+#include "Notifier.h"
 #include "Output.h"
 #include "PageFlow.h"
 #include "Progress.h"
@@ -19,13 +20,14 @@
 namespace labelPrinter {
 
 Worker::Worker(JobStore& theStore, const Drives& theDrives, PageFlow& theFlow, const Output& theOutput,
-               Status& theStatus, TimeRecords& theTimes)
+               Status& theStatus, TimeRecords& theTimes, Notifier& theNotifier)
     : store(theStore)
     , drives(theDrives)
     , flow(theFlow)
     , output(theOutput)
     , status(theStatus)
     , times(theTimes)
+    , notifier(theNotifier)
 {
 }
 
@@ -47,19 +49,28 @@ void Worker::print(const StoredJob& stored)
         status.jobBegun(stored.id, job.title);
         compose(job, stored.id);
     } catch (const Failure& failure) {
-        // Broken off, it is given back when all threads have ended. Else it was right when it was accepted, and is not
-        // any more: its pictures have changed.
+        // Broken off, it is given back when all threads have ended.
         if (isInterrupted())
             return;
         const std::string why = printable(failure.what());
+        if (failure.passes()) {
+            hold(stored.id, why);
+            return;
+        }
+        // It was right when it was accepted, and is not any more: its pictures have changed.
         store.finish(stored.id, "failed", why);
-        status.jobFailed();
+        status.jobFailed(stored.id);
         safeCerr << "labelPrinter: job " << stored.id << " failed: " << why << std::endl;
+        notifier.jobLeft(stored.id, "failed");
     } catch (const std::exception& lackOfMemory) {
-        const std::string why = lackOfMemory.what();
-        if (store.hold(stored.id, why))
-            safeCerr << "labelPrinter: job " << stored.id << " waits: " << why << std::endl;
+        hold(stored.id, lackOfMemory.what());
     }
+}
+
+void Worker::hold(int id, const std::string& why)
+{
+    if (store.hold(id, why))
+        safeCerr << "labelPrinter: job " << id << " waits: " << why << std::endl;
 }
 
 void Worker::compose(Job& job, int id)

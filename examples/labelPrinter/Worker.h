@@ -8,9 +8,12 @@
 
 #include "Quorvil/WaitThread.h"
 
+#include <string>
+
 namespace labelPrinter {
 
 class Drives;
+class Notifier;
 class Output;
 class PageFlow;
 class Status;
@@ -21,14 +24,15 @@ class TimeRecords;
 class Worker : public IWaitThreadHandler
 {
 public:
-    /// @param store, drives, flow, output, status, times  not owned, outlive this object
+    /// @param store, drives, flow, output, status, times, notifier  not owned, outlive this object
     Worker(JobStore& store, const Drives& drives, PageFlow& flow, const Output& output, Status& status,
-           TimeRecords& times);
+           TimeRecords& times, Notifier& notifier);
 
     void event() override;
 
 private:
     void print(const StoredJob& stored);
+    void hold(int id, const std::string& why);
     void compose(Job& job, int id);
 
     JobStore& store;
@@ -37,6 +41,7 @@ private:
     const Output& output;
     Status& status;
     TimeRecords& times;
+    Notifier& notifier;
     int run = 0;
 };
 

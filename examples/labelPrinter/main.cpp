@@ -4,12 +4,16 @@
 #include "Controller.h"
 #include "Drives.h"
 #include "Failure.h"
+#include "Implemented.h"
 #include "Interrupt.h"
+#include "JobReader.h"
 #include "PageTimes.h"
 #include "PrintRun.h"
+#include "SelfTest.h"
 #include "Title.h"
 #include "Trace.h"
 
+#include "Quorvil/QuorvilInit.h"
 #include "Quorvil/ThreadSafeStream.h"
 
 #include <exception>
@@ -37,7 +41,7 @@ void printJob(const labelPrinter::CommandLine& line)
     std::optional<labelPrinter::Drives> drives;
     if (!line.service.drives.empty())
         drives.emplace(line.service.drives);
-    labelPrinter::print(line.job, line.out, drives ? &*drives : nullptr, times);
+    labelPrinter::print(line.job, line.out, drives ? &*drives : nullptr, times, line.manualFeed);
     times.close();
     // A failed output is about to be told, with the trace behind it.
     if (line.service.trace && std::cout)
@@ -49,6 +53,16 @@ void run(const labelPrinter::CommandLine& line)
     labelPrinter::useUtf8();
     if (line.help) {
         safeCout << labelPrinter::usage;
+        return;
+    }
+    if (line.version) {
+        labelPrinter::JobReader::noteWords();
+        safeCout << "labelPrinter, with Quorvil " QUORVIL_VERSION "; words of a job: "
+                 << labelPrinter::implementedWords() << std::endl;
+        return;
+    }
+    if (line.selfTest) {
+        labelPrinter::selfTest();
         return;
     }
     if (line.service.port != 0) {

@@ -1,7 +1,7 @@
-// A process for the debugger to look at: debuggee FOLDER DUMP
+// A process for the debugger to look at: debuggee FILE DUMP
 //
-// It fills what the debugger is to show, writes what each recorder prints to FOLDER/<its name>, comes to `standStill`,
-// leaves a core below /data/coreDumps/DUMP, and ends with its standard input.
+// It fills what the debugger is to show, writes what the recorders print to FILE, comes to `standStill`, leaves a core
+// below /data/coreDumps/DUMP, and ends with its standard input.
 
 #include "Quorvil/CountingSemaphore.h"
 #include "Quorvil/QuorvilCoreDump.h"
@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iomanip>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -27,13 +28,9 @@ struct Band
 };
 
 /// Waits in its body from `start` on.
-class Feeder : public util::Thread
+struct Feeder : util::Thread
 {
-public:
-    explicit Feeder(const char* name)
-        : Thread(name)
-    {
-    }
+    using Thread::Thread;
 
     void run() override
     {
@@ -48,19 +45,10 @@ public:
 /// Prints the bytes of a list as the debugger does.
 void formatBand(std::ostream& out, const char* bytes)
 {
-    std::string text = "[";
-    for (size_t i = 0; i < sizeof(Band); ++i) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, "%02x ", static_cast<unsigned char>(bytes[i]));
-        text += digits;
-    }
-    text.back() = ']';
-    out << text << '\n';
-}
-
-auto newRecorder(size_t capacity)
-{
-    return std::make_shared<util::LimitedBuffer>(capacity, static_cast<int>(sizeof(Band)), formatBand);
+    out << std::hex << std::setfill('0');
+    for (size_t i = 0; i < sizeof(Band); ++i)
+        out << "[ "[i != 0] << std::setw(2) << int{static_cast<unsigned char>(bytes[i])};
+    out << "]\n";
 }
 
 void addBand(util::LimitedBuffer& recorder, int page, int number)
@@ -69,9 +57,10 @@ void addBand(util::LimitedBuffer& recorder, int page, int number)
     recorder.addStateValueList(reinterpret_cast<const char*>(&band), sizeof band);
 }
 
-std::shared_ptr<util::LimitedBuffer> unused = newRecorder(16);
-std::shared_ptr<util::LimitedBuffer> filling = newRecorder(1000);
-std::shared_ptr<util::LimitedBuffer> crowded = newRecorder(4000);
+constexpr int listBytes = sizeof(Band);
+auto unused = std::make_shared<util::LimitedBuffer>(16, listBytes, formatBand);
+auto filling = std::make_shared<util::LimitedBuffer>(1000, listBytes, formatBand);
+auto crowded = std::make_shared<util::LimitedBuffer>(4000, listBytes, formatBand);
 std::shared_ptr<util::LimitedBuffer> noRecorder;
 
 util::TimeSpec minusOneAndAHalf;
@@ -80,16 +69,15 @@ tolmen::mywstring wideLabel(L"Größe 4 €");
 tolmen::mystring noText;
 Feeder fresh("fresh");
 Feeder feeding("feeding");
-Feeder finished("finished");
 util::CountingSemaphore pages(3);
 quorvil::sync::LockGroup group;
 sqlite3cpp::DbCon database(":memory:");
 sqlite3cpp::PrepStat row(database, "select 1");
 
-/// The process's own recorder: its text has wrapped in the middle of a line, and lists have gone with the text.
-void fillWrapped()
+void fillRecorders()
 {
-    util::gl_pTrenvikLimitedBuffer = newRecorder(600);
+    // The process's own: its text has wrapped in the middle of a line, and lists have gone with the text.
+    util::gl_pTrenvikLimitedBuffer = std::make_shared<util::LimitedBuffer>(600, listBytes, formatBand);
     for (int i = 0; i < 50; ++i) {
         util::gl_pTrenvikLimitedBuffer->addf("page %d: of the job that is printed\n", i);
         if (i % 3 == 0)
@@ -98,10 +86,7 @@ void fillWrapped()
     // Two at one place, which is the place of the next byte of a full ring.
     addBand(*util::gl_pTrenvikLimitedBuffer, 50, 1);
     addBand(*util::gl_pTrenvikLimitedBuffer, 50, 2);
-}
 
-void fillOthers()
-{
     addBand(*filling, 1, 1);
     filling->addf("Größe: 4 €\n\tthe rest");
     // More lists than are kept.
@@ -109,12 +94,6 @@ void fillOthers()
         crowded->addf("%d ", i);
         addBand(*crowded, 7, i);
     }
-}
-
-void printTo(const std::string& folder, const char* name, util::LimitedBuffer& recorder)
-{
-    std::ofstream out(folder + "/" + name);
-    recorder.print(out);
 }
 
 extern "C" __attribute__((noinline)) void standStill()
@@ -127,28 +106,21 @@ int main(int, char** argv)
     std::setlocale(LC_ALL, "C.UTF-8");
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     util::LimitedBuffer::setBufferingActive(true);
-    fillWrapped();
-    fillOthers();
+    fillRecorders();
     minusOneAndAHalf.initFromMs(-1500);
     feeding.start(-1, -1, -1);
     feeding.reached.wait();
-    finished.start(-1, -1, -1);
-    finished.stop.post();
-    finished.join();
     row.step();
 
-    printTo(argv[1], "util::gl_pTrenvikLimitedBuffer", *util::gl_pTrenvikLimitedBuffer);
-    printTo(argv[1], "unused", *unused);
-    printTo(argv[1], "filling", *filling);
-    printTo(argv[1], "crowded", *crowded);
+    std::ofstream out(argv[1]);
+    out << *util::gl_pTrenvikLimitedBuffer << "@@" << *unused << "@@" << *filling << "@@" << *crowded << std::flush;
 
     quorvil::sync::Guard guard(group, "Quorvil/Debuggee", 42);
     const quorvil::sync::Guard nested(group, "Quorvil/Debuggee", 43);
     guard.interrupt();
     standStill();
     quorvil::coredump::run(argv[2]);
-    while (std::getchar() != EOF) {
-    }
+    std::getchar(); // the end of the input
     // The feeder still runs.
     std::_Exit(0);
 }

@@ -16,6 +16,7 @@ import sys
 import tempfile
 
 TIMEOUT = 100
+# In the order in which the debuggee prints them.
 RECORDERS = ["util::gl_pTrenvikLimitedBuffer", "unused", "filling", "crowded"]
 # Expression, and what `print` shows of it as a regular expression; LWP stands for the process's number.
 VALUES = [
@@ -25,7 +26,7 @@ VALUES = [
     ("noText", '""'),
     ("*(util::Thread*)&fresh", 'Thread "fresh" NEW, pthread_t 0x0'),
     ("*(util::Thread*)&feeding", 'Thread "feeding" RUNNING, pthread_t 0x[1-9a-f][0-9a-f]*'),
-    ("finished.internals", 'Thread "finished" FINISHED, pthread_t 0x[1-9a-f][0-9a-f]*'),
+    ("feeding.internals", 'Thread "feeding" RUNNING, pthread_t 0x[1-9a-f][0-9a-f]*'),
     ("feeding", '{<util::Thread> = Thread "feeding" RUNNING.*reached = CountingSemaphore CS_ACTIVE, 0 counts, 0 waiters.*'),
     ("pages", "CountingSemaphore CS_ACTIVE, 3 counts, 0 waiters"),
     ("group", r"LockGroup held by (thread \d+ \()?LWP LWP\)?, 2 levels, interrupted"),
@@ -66,17 +67,17 @@ def run_gdb(arguments):
     return done.stdout.decode()
 
 
-def show_live(script, debuggee, folder):
+def show_live(script, debuggee, printed):
     options, rest, shown = commands(script)
     output = run_gdb([*options, "-ex", "break standStill", "-ex", "run", "-ex", "info inferiors", *rest,
-                      "--args", debuggee, folder, "none"])
+                      "--args", debuggee, printed, "none"])
     if "Could not trace" in output or "ptrace" in output:
         skip("this machine does not let gdb trace a process")
     found = re.search(r"process (\d+)", output)
     return output, shown, found[1] if found else ""
 
 
-def show_core(script, debuggee, folder):
+def show_core(script, debuggee, printed):
     pattern = pathlib.Path("/proc/sys/kernel/core_pattern").read_text().strip()
     if os.geteuid() != 0:
         skip("only root can make /data/coreDumps")
@@ -85,7 +86,7 @@ def show_core(script, debuggee, folder):
     name = f"quorvilTest.{os.getpid()}"
     dumps = pathlib.Path("/data/coreDumps") / name
     try:
-        with subprocess.Popen([debuggee, folder, name], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
+        with subprocess.Popen([debuggee, printed, name], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
             for line in process.stdout:
                 if "CORE DUMP done." in line:
                     break
@@ -101,9 +102,9 @@ def show_core(script, debuggee, folder):
 
 
 def main(subject, script, debuggee):
-    with tempfile.TemporaryDirectory() as folder:
-        output, shown, lwp = (show_live if subject == "live" else show_core)(script, debuggee, folder)
-        printed = {name: (pathlib.Path(folder) / name).read_text() for name in RECORDERS}
+    with tempfile.NamedTemporaryFile("r", encoding="utf-8") as file:
+        output, shown, lwp = (show_live if subject == "live" else show_core)(script, debuggee, file.name)
+        printed = dict(zip(RECORDERS, file.read().split("@@")))
     parts = dict(part.split("\n", 1) for part in output.split("@@")[1:])
     expected = dict(zip(shown, [re.escape(printed[name]) for name in RECORDERS]))
     framed = re.split(r"\[.*\]\n", printed["filling"])

@@ -2,7 +2,8 @@
 """Draws the map of the library from the first lines and the includes of its sources, and holds its layers.
 
 layers.py ROOT          fails on a circle of includes, on a line between subsystems that is not allowed, on a header that does
-                        not say what it is, and on a map (Quorvil/README.md) that is no longer true
+                        not say what it is, on a public header that README.md or that of the label printer does not name, and on a
+                        map (Quorvil/README.md) that is no longer true
 layers.py ROOT --write  writes the map
 """
 
@@ -106,10 +107,11 @@ def main():
     problems += found
     drawn = draw(files, levels)
     chart = folder / "README.md"
-    told = (folder.parent / "README.md").read_text()
-    problems += [f"README.md does not name {name} in its table" for name, (_, purpose, _) in sorted(files.items())
-                 if purpose and (not name.endswith("Intern.h") or name == "QuorvilSync2Intern.h")
-                 and f"`{name}`" not in told]
+    for page in ("README.md", "examples/labelPrinter/README.md"):
+        told = (folder.parent / page).read_text()
+        problems += [f"{page} does not name {name} in its table" for name, (_, purpose, _) in sorted(files.items())
+                     if purpose and (not name.endswith("Intern.h") or name == "QuorvilSync2Intern.h")
+                     and f"`{name}`" not in told]
     if "--write" in sys.argv:
         chart.write_text(drawn)
     elif not chart.exists() or chart.read_text() != drawn:
