@@ -16,7 +16,6 @@ namespace quorvil {
 namespace {
 
 constexpr const char* source = "Quorvil/QuorvilDataIO";
-constexpr const char* writeFailed = "TextFileDataIO: Problem beim Schreiben";
 
 /// Opens the file for `stream`, on a descriptor that no started program inherits: a stream that opens by itself cannot
 /// ask for that. Numbers are plain, whatever the global locale groups them into.
@@ -81,7 +80,7 @@ void TextFileDataIO::checkWrite() const
             "TextFileDataIO has not been opened for writing, but one of the w() method has been called.", false);
     }
     if (o->rdstate() != std::ios_base::goodbit)
-        throw util::GeneralException(writeFailed, false);
+        throw util::GeneralException("TextFileDataIO: Problem beim Schreiben", false);
 }
 
 void TextFileDataIO::checkRead() const
@@ -207,11 +206,7 @@ void TextFileDataIO::close()
     if (!o || !o->is_open())
         return;
     o->close();
-    const bool lost = o->rdstate() != std::ios_base::goodbit;
-    // Every further `w` fails at its first check.
-    o->setstate(std::ios_base::failbit);
-    if (lost)
-        throw util::GeneralException(writeFailed, false);
+    checkWrite();
 }
 
 BufferToFileThread::BufferToFileThread() = default;

@@ -23,6 +23,8 @@ class QUORVIL_API Utf8Exception{};
 ///
 /// The counters start at 0 and are never reset. Several threads may build strings at once; the counters are exact as
 /// long as one thread does.
+///
+/// A process starts under the locale "C", where nothing but ASCII converts: call `initLocale` (QuorvilInit.h) first.
 class QUORVIL_API mystring : public std::string
 {
 public:

@@ -15,6 +15,24 @@ namespace {
 
 constexpr const char* source = "Quorvil/QuorvilRemovePathDots";
 
+/// True if the machine would leave the path as it is: no separator has an empty segment, "." or ".." behind it.
+bool isClean(const std::string& s)
+{
+    // Dots since the last separator, -1 once another byte has come; the first segment of a relative path may be
+    // anything.
+    std::ptrdiff_t dots = -1;
+    for (const char c : s) {
+        if (c != '/') {
+            dots = c == '.' && dots >= 0 ? dots + 1 : -1;
+            continue;
+        }
+        if (dots >= 0 && dots <= 2)
+            return false;
+        dots = 0;
+    }
+    return dots != 1 && dots != 2;
+}
+
 } // namespace
 
 class StatechartImpl;
@@ -345,28 +363,6 @@ void Error::readAndHandleNext(StatechartImpl&) const
         false, "false", source, __LINE__,
         "virtual void quorvilRemovePathDots::Error::readAndHandleNext(quorvilRemovePathDots::StatechartImpl&) const");
 }
-
-namespace {
-
-/// True if the machine would leave the path as it is: no separator has an empty segment, "." or ".." behind it.
-bool isClean(const std::string& s)
-{
-    // Dots since the last separator, -1 once another byte has come; the first segment of a relative path may be
-    // anything.
-    std::ptrdiff_t dots = -1;
-    for (const char c : s) {
-        if (c != '/') {
-            dots = c == '.' && dots >= 0 ? dots + 1 : -1;
-            continue;
-        }
-        if (dots >= 0 && dots <= 2)
-            return false;
-        dots = 0;
-    }
-    return dots != 1 && dots != 2;
-}
-
-} // namespace
 
 bool removePathDots(std::string& s)
 {

@@ -26,12 +26,6 @@ struct Image
         return memory[static_cast<size_t>(place + y * bytesPerRow + (x >> 3))];
     }
 
-    template <typename Bitmap>
-    Bitmap view(Bytes& memory) const
-    {
-        return Bitmap(memory.data() + place, width, height, bytesPerRow);
-    }
-
     size_t end() const
     {
         return static_cast<size_t>(place + (height - 1) * bytesPerRow + (width + 7) / 8);
@@ -51,18 +45,9 @@ Image makeImage(fuzz::Input& data)
 int number(fuzz::Input& data, int size, int usual)
 {
     const int kind = data.inRange(0, 15);
-    const int other = kind == 0   ? INT32_MAX
-                      : kind == 1 ? data.inRange(INT32_MIN, INT32_MAX)
-                                  : data.inRange(-size, size);
-    return kind < 3 ? other : usual;
-}
-
-Rectangle makeRectangle(fuzz::Input& data, const Image& image)
-{
-    const int x = number(data, image.width, data.inRange(0, 1) * data.inRange(0, 7));
-    const int y = number(data, image.height, 0);
-    const int most = data.inRange(0, 1) == 0 ? 12 : 900;
-    return {x, y, number(data, image.width, data.inRange(1, most)), number(data, image.height, image.height)};
+    if (kind < 2)
+        return kind == 0 ? INT32_MAX : data.inRange(INT32_MIN, INT32_MAX);
+    return kind == 2 ? data.inRange(-size, size) : usual;
 }
 
 /// ORs what is left of the rectangle `from` in both images and in `clip` into `target`, which may be the same memory:
@@ -100,16 +85,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     fuzz::Input data{bytes, size};
     const bool shared = data.inRange(0, 3) == 0;
     const Image src = makeImage(data);
-    const Image to =
-        data.inRange(0, 1) == 0 ? makeImage(data) : Image{src.width, src.height, src.bytesPerRow, data.inRange(0, 200)};
-    const Rectangle from = makeRectangle(data, src);
+    Image to = makeImage(data);
+    if (data.inRange(0, 1) == 0)
+        to = {src.width, src.height, src.bytesPerRow, to.place % 9 * data.inRange(0, 1) + to.height * src.bytesPerRow};
+    const int fromX = number(data, src.width, data.inRange(0, 1) * data.inRange(0, 7));
+    const int fromY = number(data, src.height, 0);
+    const int width = data.inRange(0, 2) == 0 ? src.width : data.inRange(1, data.inRange(0, 1) == 0 ? 12 : 900);
+    const Rectangle from{fromX, fromY, number(data, src.width, width), number(data, src.height, src.height)};
     const int toX = number(data, to.width, data.inRange(0, 1) == 0 ? from.x : data.inRange(0, 7));
     const int toY = number(data, to.height, 0);
-    const int clipX = data.inRange(-9, to.width - 1);
-    const int clipY = data.inRange(-2, to.height - 1);
-    const int most = data.inRange(0, 1) == 0 ? 900 : INT32_MAX;
-    const Rectangle clip{clipX, clipY, data.inRange(std::max(1, 1 - clipX), most),
-                         data.inRange(std::max(1, 1 - clipY), most)};
+    const int clipX = data.inRange(0, 1) * data.inRange(-9, to.width - 1);
+    const int clipY = data.inRange(0, 1) * data.inRange(-2, to.height - 1);
+    const int clipW = data.inRange(0, 1) == 0 ? INT32_MAX : data.inRange(std::max(1, 1 - clipX), 900);
+    const int clipH = data.inRange(0, 1) == 0 ? INT32_MAX : data.inRange(std::max(1, 1 - clipY), 900);
+    const Rectangle clip{clipX, clipY, clipW, clipH};
     // Noise from a few bytes of input: the fuzzer spends its bytes on the rectangle.
     auto state = static_cast<uint32_t>(data.inRange(0, INT32_MAX));
     const auto noise = [&] { return static_cast<uint8_t>((state = state * 1664525 + 1013904223) >> 24); };
@@ -120,7 +109,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     insert(expected, to, clip, shared ? expected : source, src, from, toX, toY);
     const auto compare = [&]<typename Bitmap>() {
         Bytes target = before;
-        auto view = to.view<Bitmap>(target), sourceView = src.view<Bitmap>(shared ? target : source);
+        Bitmap view(&to.byte(target, 0, 0), to.width, to.height, to.bytesPerRow);
+        Bitmap sourceView(&src.byte(shared ? target : source, 0, 0), src.width, src.height, src.bytesPerRow);
         sourceView.clip(0, 0, 1, 1); // does not count
         view.clip(clip.x, clip.y, clip.w, clip.h);
         view.insert(sourceView, from.x, from.y, from.w, from.h, toX, toY);

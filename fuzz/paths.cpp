@@ -3,6 +3,7 @@
 #include "Quorvil/QuorvilRemovePathDots.h"
 #include "fuzz/input.h"
 
+#include <algorithm>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -15,10 +16,10 @@ std::optional<std::string> modelOf(const std::string& path)
 {
     const bool absolute = path.starts_with('/');
     bool endsInFolder = path.ends_with('/'); // and so does "."
-    std::string above;                       // each ".." above the start of a relative path that came after a name
+    bool literal = !absolute;                // the first name of a relative path may be anything
+    std::string result = absolute ? "/" : "";
     std::vector<std::string> left;
     std::istringstream names(path);
-    bool literal = !absolute;
     for (std::string name; std::getline(names, name, '/'); literal = false) {
         if (name.empty())
             continue;
@@ -31,9 +32,8 @@ std::optional<std::string> modelOf(const std::string& path)
         else if (absolute)
             return std::nullopt;
         else
-            above += names.eof() ? ".." : "../";
+            result += names.eof() ? ".." : "../";
     }
-    std::string result = absolute ? "/" : above;
     for (const std::string& name : left)
         result += name + "/";
     if (!left.empty() && !endsInFolder)
@@ -45,15 +45,14 @@ std::optional<std::string> modelOf(const std::string& path)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const std::string bytes(data, data + size);
-    std::string dense;
-    for (const char c : bytes)
-        dense += "/./a"[c & 3];
-    for (const std::string& path : {bytes, dense, dense.substr(0, 8)}) {
+    const std::string bytes(data, data + std::min(size, size_t{64}));
+    std::string dense = bytes;
+    std::ranges::transform(dense, dense.begin(), [](char c) { return "/./a"[c & 3]; });
+    for (const std::string& path : {bytes, dense}) {
         std::string result = path;
-        const bool successful = quorvilRemovePathDots::removePathDots(result);
         const std::optional<std::string> model = modelOf(path);
-        fuzz::require(successful == model.has_value() && result == model.value_or(path), "another path");
+        const bool agreed = quorvilRemovePathDots::removePathDots(result) == model.has_value();
+        fuzz::require(agreed && result == model.value_or(path), "another path");
     }
     return 0;
 }

@@ -4,13 +4,11 @@
 #include "Quorvil/QuorvilMystring.h"
 #include "fuzz/input.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <climits>
 #include <clocale>
-#include <cstring>
 #include <cwchar>
 #include <iostream>
-#include <sstream>
 #include <string>
 
 namespace {
@@ -33,32 +31,24 @@ constexpr uint32_t characters[] = {1,      'a',     0x80,     0x800,    0xD800, 
 void convertBytes(const std::string& bytes)
 {
     std::wstring expected;
-    std::string expectedReport;
+    bool good = true;
     std::mbstate_t state{};
-    for (size_t at = 0; at < bytes.size() && expectedReport.empty();) {
+    for (size_t at = 0; at < bytes.size() && good;) {
         wchar_t character = L'?';
         const size_t n = std::mbrtowc(&character, bytes.data() + at, bytes.size() - at, &state);
-        if (n == static_cast<size_t>(-1))
-            expectedReport = std::string("mbrtowc: ") + std::strerror(errno) + "\nthrown";
-        else if (n == static_cast<size_t>(-2))
-            expectedReport =
-                "utf8 string that shall be converted to utf32 does not contain a valid multibyte character "
-                "at pos " +
-                std::to_string(at) + "\nthrown";
-        else
+        good = n <= bytes.size();
+        if (good)
             expected += character;
-        at += n == 0 ? 1 : n;
+        at += std::max(n, size_t{1});
     }
-    std::ostringstream report;
-    std::streambuf* const console = std::cerr.rdbuf(report.rdbuf());
     tolmen::mywstring wide(L"rest of before");
     try {
         wide = tolmen::mystring(bytes);
+        fuzz::require(good, "a bad character passed");
     } catch (const tolmen::Utf8Exception&) {
-        report << "thrown";
+        fuzz::require(!good, "a good character refused");
     }
-    std::cerr.rdbuf(console);
-    fuzz::require(wide == expected && report.str() == expectedReport, "other characters");
+    fuzz::require(wide == expected, "other characters");
 }
 
 void convertWide(const tolmen::mywstring& wide)
@@ -77,19 +67,25 @@ void convertWide(const tolmen::mywstring& wide)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const unsigned kind = size > 0 ? data[0] : 0;
-    fuzz::require(std::setlocale(LC_CTYPE, kind % 2 == 1 ? "C" : "C.UTF-8") != nullptr, "no locale");
+    if (size == 0)
+        return 0;
+    // A switch of the process's locale would load and unload its files.
+    static const locale_t locales[] = {newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr),
+                                       newlocale(LC_CTYPE_MASK, "C", nullptr)};
+    fuzz::require(uselocale(locales[data[0] % 2]) != nullptr, "no locale");
+    std::cerr.setstate(std::ios::failbit); // the reports
     // A start that brings the ends of the batches, where a character could come apart, into reach.
-    std::string text(kind / 8 * 32, 'x'), spread;
-    tolmen::mywstring wide;
-    for (size_t i = 1; i < size; ++i) {
+    const size_t start = data[0] / 8 * size_t{17};
+    std::string text(start, 'x'), spread;
+    tolmen::mywstring wide(std::wstring(start, L'x'));
+    for (size_t i = 1; i < std::min(size, size_t{16}); ++i) {
         text += pieces[data[i] < std::size(pieces) ? data[i] : data[i] % goodPieces];
         spread += edges[data[i] % (std::size(edges) - 1)];
         wide.append(data[i] % 5, static_cast<wchar_t>(characters[data[i] % std::size(characters)] + data[i] % 7 - 2));
     }
     convertBytes(text);
-    for (size_t at = 0; at < spread.size(); ++at)
-        convertBytes(spread.substr(at, at % 2 == 0 ? 3 : 12));
+    for (const size_t at : {size_t{0}, spread.size() / 2})
+        convertBytes(spread.substr(at));
     convertWide(wide);
     return 0;
 }

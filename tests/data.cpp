@@ -12,7 +12,6 @@
 #include "Quorvil/ThreadSafeStream.h"
 #include "tests/support/allocationCount.h"
 #include "tests/support/assertion.h"
-#include "tests/support/environment.h"
 #include "tests/support/groupingLocale.h"
 #include "tests/support/interpose.h"
 #include "tests/support/temporaryFolder.h"
@@ -20,22 +19,18 @@
 #include <climits>
 #include <clocale>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
-#include <iconv.h>
 #include <thread>
 
 SUPPORT_INTERPOSE(size_t, mbrtowc, (wchar_t * wide, const char* bytes, size_t limit, mbstate_t* state),
                   (wide, bytes, limit, state), noexcept)
-SUPPORT_INTERPOSE(FILE*, fdopen, (int descriptor, const char* mode), (descriptor, mode), noexcept)
 
 namespace {
 
 using tolmen::mystring, tolmen::mywstring;
 using Bytes = std::vector<uint8_t>;
-namespace fs = std::filesystem;
 
 [[maybe_unused]] const int localesReady = setenv("LOCPATH", QUORVIL_TEST_LOCALES, 1);
 
@@ -46,10 +41,10 @@ TEST(Bitmap, InsertCountsFromTheHighestBitAndSinglePixelsFromTheLowest)
     Bytes memory(6), source{0x2D, 0xC0};
     bmp::Bitmap bitmap(memory.data(), 24, 2, 3);
     const support::AllocationCount allocations;
-    bitmap.clip(20, 1, 1, 1);
+    bitmap.clip(20, 1, INT_MAX, INT_MAX);
     for (const int pixel : {0, 7, 10, 47})
         bitmap.orBit(pixel % 24, pixel / 24, true);
-    bitmap.orBit(7, 0, false);
+    bitmap.orBit(1, 0, false);
     for (int pixel = 0; pixel < 48; ++pixel)
         EXPECT_EQ(bitmap.getBit(pixel % 24, pixel / 24), pixel == 0 || pixel == 7 || pixel == 10 || pixel == 47);
     bitmap.unclip();
@@ -61,20 +56,17 @@ TEST(Bitmap, InsertCountsFromTheHighestBitAndSinglePixelsFromTheLowest)
 TEST(Bits, TakeAndReplaceEveryRange)
 {
     constexpr uint64_t pattern = 0x9E3779B97F4A7C15;
-    const support::AllocationCount allocations;
     for (int low = 0; low < 64; ++low)
         for (int count = 1; count <= 64 - low; ++count) {
             const uint64_t taken = bits(pattern, low, count);
-            for (int bit = 0; bit < 64; ++bit)
-                ASSERT_EQ(taken >> bit & 1, bit < count ? pattern >> (low + bit) & 1 : 0) << low << ' ' << count;
-            if (low + count > 32)
-                continue;
+            ASSERT_EQ(taken, pattern << (64 - low - count) >> (64 - count)) << low << ' ' << count;
             auto target = static_cast<uint32_t>(~pattern);
-            setBits(target, low, count, static_cast<uint32_t>(taken | ~0ULL << count));
+            setBits(target, low % 32, 0, UINT32_MAX);
+            if (low + count <= 32)
+                setBits(target, low, count, static_cast<uint32_t>(taken | ~0ULL << count));
             for (int bit = 0; bit < 32; ++bit)
-                ASSERT_EQ((target ^ pattern) >> bit & 1, bit < low || bit >= low + count) << low << ' ' << count;
+                ASSERT_EQ((target ^ pattern) >> bit & 1, low + count > 32 || bit < low || bit >= low + count);
         }
-    EXPECT_EQ(allocations.allocations(), 0U);
 }
 
 TEST(BitStreams, PackFromTheLeastSignificantBitAndTakeNoMemoryWithinTheCapacity)
@@ -87,6 +79,7 @@ TEST(BitStreams, PackFromTheLeastSignificantBitAndTakeNoMemoryWithinTheCapacity)
     VecByteInputStream source(std::move(content));
     output->reset();
     output->write(4, 8, 0xABCD);
+    output->flush(); // on a byte border: open
     output->writeBit(true);
     output->flush();
     sink.flush();
@@ -100,19 +93,12 @@ TEST(BitStreams, PackFromTheLeastSignificantBitAndTakeNoMemoryWithinTheCapacity)
 
 TEST(BitStreams, KeepWhatAFailedByteStreamHasNotTaken)
 {
-    struct Source : IByteInputStream
+    struct Stream : IByteInputStream, VecByteOutputStream
     {
         uint8_t readUint8() override
         {
             return ++calls == 2 ? throw std::bad_alloc() : static_cast<uint8_t>(calls);
         }
-        int calls = 0;
-    } source;
-    const auto input = BitInputStream::create(source);
-    EXPECT_THROW(input->read(32), std::bad_alloc);
-    EXPECT_EQ(input->read(16), 0x0301u);
-    struct Sink : VecByteOutputStream
-    {
         void writeUint8(uint8_t byte) override
         {
             ++calls == 2 ? throw std::bad_alloc() : VecByteOutputStream::writeUint8(byte);
@@ -122,7 +108,11 @@ TEST(BitStreams, KeepWhatAFailedByteStreamHasNotTaken)
             throw std::bad_alloc();
         }
         int calls = 0;
-    } sink;
+    } source, sink;
+    const auto input = BitInputStream::create(source);
+    EXPECT_THROW(input->read(32), std::bad_alloc);
+    EXPECT_EQ(input->read(16), 0x0301u);
+    EXPECT_EQ(source.calls, 3) << "none ahead";
     const auto output = BitOutputStream::create(sink);
     EXPECT_THROW(output->write(0, 32, 0x04030201), std::bad_alloc);
     EXPECT_THROW(output->reset(), std::bad_alloc);
@@ -137,27 +127,25 @@ TEST(DataDeathTest, CallersFaultsFailTheirAssertions)
     bmp::Bitmap bitmap(memory, 100, 100, 13);
     VecByteOutputStream sink;
     const auto output = BitOutputStream::create(sink);
+    output->write(0, 1, 1);
+    output->flush(); // off a byte border: closed
     VecByteInputStream source({});
     const auto input = BitInputStream::create(source);
     uint32_t word = 0;
-    output->write(0, 1, 1);
-    output->flush(); // off a byte border: closed
-    const std::string bitmapText = "bmp::Bitmap::Bitmap(uint8_t*, int, int, int)";
+    const std::string constructor = "bmp::Bitmap::Bitmap(uint8_t*, int, int, int)";
+    const std::string bitsText = "uint64_t bits(uint64_t, int, int)";
+    const std::string field = "lowBitIdx >= 0 && lowBitIdx < 64 && bitCount > 0 && bitCount <= 64 - lowBitIdx";
     const std::string clip = "void bmp::Bitmap::clip(int, int, int, int)";
-    const struct
-    {
-        std::function<void()> call;
-        std::string file, function, expression;
-    } rows[] = {
-        {[&] { bmp::Bitmap(memory, 0, 0, -1); }, "Bitmaps", bitmapText, "widthPixels > 0"},
-        {[&] { bmp::Bitmap(memory, 1, 0, 1); }, "Bitmaps", bitmapText, "heightPixels > 0"},
-        {[&] { bmp::Bitmap(memory, 9, 1, 1); }, "Bitmaps", bitmapText, "bytesPerRow >= ((widthPixels + 7) >> 3)"},
+    const std::tuple<std::function<void()>, std::string, std::string, std::string> rows[] = {
+        {[&] { bmp::Bitmap(memory, 0, 0, -1); }, "Bitmaps", constructor, "widthPixels > 0"},
+        {[&] { bmp::Bitmap(memory, 1, 0, 1); }, "Bitmaps", constructor, "heightPixels > 0"},
+        {[&] { bmp::Bitmap(memory, 9, 1, 1); }, "Bitmaps", constructor, "bytesPerRow >= ((widthPixels + 7) >> 3)"},
         {[&] { bitmap.clip(100, 100, 0, 0); }, "Bitmaps", clip, "x < widthPixels"},
         {[&] { bitmap.clip(0, 100, 1, 1); }, "Bitmaps", clip, "y < heightPixels"},
         {[&] { bitmap.clip(-5, 0, 5, 0); }, "Bitmaps", clip, "w > 0"},
         {[&] { bitmap.clip(0, -5, 1, 5); }, "Bitmaps", clip, "h > 0"},
-        {[&] { input->read(0); }, "QuorvilBits", "uint64_t bits(uint64_t, int, int)",
-         "lowBitIdx >= 0 && lowBitIdx < 64 && bitCount > 0 && bitCount <= 64 - lowBitIdx"},
+        {[&] { input->read(0); }, "QuorvilBits", bitsText, field},
+        {[&] { bits(0, 63, 2); }, "QuorvilBits", bitsText, field},
         {[&] { setBits(word, 1, 32, 0); }, "QuorvilBits", "void setBits(uint32_t&, int, int, uint32_t)",
          "lowBitIdx >= 0 && lowBitIdx < 32 && bitCount >= 0 && bitCount <= 32 - lowBitIdx"},
         {[&] { output->writeBit(true); }, "QuorvilBitStream",
@@ -165,8 +153,8 @@ TEST(DataDeathTest, CallersFaultsFailTheirAssertions)
         {[&] { input->read(33); }, "QuorvilBitStream", "virtual uint32_t BitInputStreamImpl::read(int)",
          "numBits >= 0 && numBits <= 32"},
     };
-    for (const auto& row : rows)
-        EXPECT_DEATH(row.call(), support::assertion("Quorvil/" + row.file, row.function, row.expression));
+    for (const auto& [call, file, function, expression] : rows)
+        EXPECT_DEATH(call(), support::assertion("Quorvil/" + file, function, expression));
 }
 
 TEST(FormatBits32, PrintsTheWordWhateverTheLocaleIs)
@@ -181,82 +169,69 @@ TEST(FormatBits32, PrintsTheWordWhateverTheLocaleIs)
 
 // ---- strings
 
-constexpr int* counters[] = {&mystring::countDefaultConstr, &mystring::countCharConstr, &mystring::countCopyConstr,
-                             &mystring::countCopyCast,      &mystring::countMoveConstr, &mystring::countMoveCast,
-                             &mystring::countConstAssign,   &mystring::countMoveAssign};
-
 TEST(Mystring, EachOperationGivesItsTextAndCountsItself)
 {
+    const support::GroupingEverywhere grouping;
     // Longer than the small string, so that a move that copies leaves something behind.
-    const std::string standard = "a text that does not fit into the small string";
+    const std::string standard = "some text that does not fit into the small string";
     const mystring text(standard);
     const mywstring wide(std::wstring(standard.begin(), standard.end()));
     std::string movedStandard = standard;
     mystring moved(standard), result;
     const auto uncounted = [](const std::string& from) { return mystring(from.begin(), from.end()); };
-    const struct
-    {
-        std::function<mystring()> act;
-        const int* counter; ///< the one that it counts in, if any
-        bool allocates = true;
-    } rows[] = {{[&] { return uncounted(mystring().append(standard)); }, &mystring::countDefaultConstr},
-                {[&] { return uncounted(mystring::trim("  ", " ").append(standard)); }, &mystring::countCharConstr},
-                {[&] { return mystring(standard.c_str(), true); }, &mystring::countCharConstr},
-                {[&] { return mystring(standard.data(), standard.data() + standard.size()); }, nullptr},
-                {[&] { return mystring(standard.begin(), standard.end()); }, nullptr},
-                {[&] { return mystring(standard); }, &mystring::countCopyCast},
-                {[&] { return mystring(text); }, &mystring::countCopyConstr},
-                {[&] { return mystring(wide); }, nullptr},
-                {[&] { return mystring(std::move(movedStandard)); }, &mystring::countMoveCast, false},
-                {[&] { return mystring(std::move(moved)); }, &mystring::countMoveConstr, false},
-                {[&] { return uncounted(result = text); }, &mystring::countConstAssign},
-                {[&] { return uncounted(moved = std::move(result)); }, &mystring::countMoveAssign},
-                {[&] { return uncounted(result = wide); }, nullptr},
-                {[&] { return mystring::trim((" " + standard + "x").c_str(), "x "); }, nullptr}};
-    for (const auto& row : rows) {
-        int before[std::size(counters)];
-        std::ranges::transform(counters, before, [](const int* counter) { return *counter; });
+    const std::tuple<std::function<mystring()>, std::string, bool> rows[] = {
+        {[&] { return uncounted(mystring().append(standard)); }, "countDefaultConstr", true},
+        {[&] { return uncounted(mystring::trim("  ", " ").append(standard)); }, "countCharConstr", true},
+        {[&] { return mystring(standard.c_str(), true); }, "countCharConstr", true},
+        {[&] { return mystring(standard.data(), standard.data() + standard.size()); }, "", true},
+        {[&] { return mystring(standard); }, "countCopyCast", true},
+        {[&] { return mystring(text); }, "countCopyConstr", true},
+        {[&] { return mystring(wide); }, "", true},
+        {[&] { return mystring(std::move(movedStandard)); }, "countMoveCast", false},
+        {[&] { return mystring(std::move(moved)); }, "countMoveConstr", false},
+        {[&] { return uncounted(result = text); }, "countConstAssign", true},
+        {[&] { return uncounted(moved = std::move(result)); }, "countMoveAssign", true},
+        {[&] { return uncounted(result = wide); }, "", true},
+        {[&] { return mystring::trim((" " + standard + "x").c_str(), "x "); }, "", true}};
+    for (const auto& [act, counter, allocates] : rows) {
+        mystring::countDefaultConstr = mystring::countCharConstr = mystring::countCopyConstr = 1000;
+        mystring::countCopyCast = mystring::countMoveConstr = mystring::countMoveCast = 1000;
+        mystring::countConstAssign = mystring::countMoveAssign = 1000;
         const support::AllocationCount allocations;
-        const mystring made = row.act();
-        EXPECT_EQ(allocations.allocations() != 0, row.allocates);
-        for (size_t i = 0; i < std::size(counters); ++i)
-            EXPECT_EQ(*counters[i] - before[i], counters[i] == row.counter) << &row - rows;
+        const mystring made = act();
+        EXPECT_EQ(allocations.allocations() != 0, allocates) << counter;
         EXPECT_EQ(made, standard);
+        std::string expected = "Counts of mystring:\n";
+        for (const std::string name : {"countDefaultConstr", "countCharConstr", "countCopyConstr", "countCopyCast",
+                                       "countMoveConstr", "countMoveCast", "countConstAssign", "countMoveAssign"})
+            expected += name + (name == counter ? "=1001\n" : "=1000\n");
+        testing::internal::CaptureStderr();
+        mystring::dumpCounts();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
     }
     EXPECT_EQ(mystring::trim(" \xA4x \xC3\xA4", " \xC3\xA4"), "x");
-    EXPECT_EQ(mystring::trim(" x ", ""), " x ");
-    mystring left("left ", false);
+    mystring left("left\xE4", false);
     std::move(left) + std::move(moved); // appends in place
-    EXPECT_EQ(left, "left " + standard);
+    left.toUpperCase();
+    EXPECT_EQ(left.substr(0, 7) + moved, "LEFT\xE4SO" + standard);
+    left.toLowerCase();
+    EXPECT_EQ(left, "left\xE4" + standard);
 }
 
-TEST(Mystring, CountersAreDumpedAsOneBlock)
+TEST(Mywstring, MovesComparesChangesCaseAndRefusesNull)
 {
-    const support::GroupingEverywhere grouping;
-    int number = 1001;
-    for (int* const counter : counters)
-        *counter = number++;
-    testing::internal::CaptureStderr();
-    mystring::dumpCounts();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Counts of mystring:\ncountDefaultConstr=1001\ncountCharConstr=1002\ncountCopyConstr=1003\n"
-              "countCopyCast=1004\ncountMoveConstr=1005\ncountMoveCast=1006\ncountConstAssign=1007\n"
-              "countMoveAssign=1008\n");
-}
-
-TEST(Mywstring, MovesComparesAndRefusesNull)
-{
-    std::wstring standard = L"a text that does not fit into the small string";
+    ASSERT_TRUE(std::setlocale(LC_CTYPE, "C.UTF-8"));
+    std::wstring standard = L"\xE4 text that does not fit into the small string";
     mywstring text(standard.c_str()), other(text);
     const support::AllocationCount allocations;
     mywstring first(std::move(standard)), second(std::move(text));
     text = std::move(second);
     text.toUpperCase();
-    EXPECT_TRUE(text.equalsIgnoreCase(first) && !mywstring().equalsIgnoreCase(text));
-    EXPECT_FALSE(mywstring(L"ab").equalsIgnoreCase(mywstring(L"AC")));
+    EXPECT_TRUE(text.front() == L'\xC4' && text.equalsIgnoreCase(first) && !mywstring().equalsIgnoreCase(text));
     text.toLowerCase();
     EXPECT_TRUE(first == text && other == text && second.empty());
     EXPECT_EQ(allocations.allocations(), 0U);
+    EXPECT_FALSE(mywstring(L"ab").equalsIgnoreCase(mywstring(L"AC")));
     const char* const null = nullptr;
     const std::function<void()> refused[] = {[=] { mystring(null, false); }, [=] { mystring(null, "x"); },
                                              [] { mywstring(static_cast<const wchar_t*>(nullptr)); }};
@@ -265,21 +240,7 @@ TEST(Mywstring, MovesComparesAndRefusesNull)
     EXPECT_EQ(mystring(null, null), "");
 }
 
-/// Sets the locale; false, with a word on it, where the machine cannot convert its characters.
-bool setLocaleForConversion(const char* locale)
-{
-    EXPECT_TRUE(std::setlocale(LC_CTYPE, locale)) << locale;
-    const std::string name = locale;
-    const iconv_t conversion = iconv_open("WCHAR_T", name.ends_with("EUC-JP") ? "EUC-JP" : "UTF-8");
-    if (conversion == reinterpret_cast<iconv_t>(-1)) {
-        std::cout << locale << " is left out: the C library has no module for its characters\n";
-        return false;
-    }
-    iconv_close(conversion);
-    return true;
-}
-
-TEST(Conversion, ReportsWhereItFailsAndKeepsWhatStandsBefore)
+TEST(Conversion, ReportsWhereItFailsKeepsWhatStandsBeforeAndDropsWhatTheLocaleCannotExpress)
 {
     const support::GroupingEverywhere grouping;
     const std::string invalid = "mbrtowc: Invalid or incomplete multibyte or wide character\n";
@@ -291,90 +252,57 @@ TEST(Conversion, ReportsWhereItFailsAndKeepsWhatStandsBefore)
     const struct
     {
         const char* locale;
-        std::string bytes;
+        std::string good, bad;
         std::wstring wide;
         std::string report;
-        int calls = 0;  ///< of the locale's function: none where the locale is UTF-8 and the text well-formed
-        int failAt = 0; ///< the call that lacks memory
+        int failAt = 0; ///< the call of the locale's function that lacks memory
     } rows[] = {
-        {"C.UTF-8", "\xC3\xA4 \xE2\x82\xAC \xF0\x9F\x96\xA8", L"\xE4 \x20AC \x1F5A8", ""},
-        {"C.UTF-8", std::string(1000, 'x') + "\xE2\x82", std::wstring(1000, L'x'), cutOff + "1000\n", 1},
-        {"de_DE.UTF-8", "gr\xC3\xBC\xC3\x9F", L"gr\xFC\xDF", ""},
-        {"de_DE.UTF-8", "gr\xC3\xBC\xC3\xC3", L"gr\xFC", invalid, 1},
-        {"ja_JP.EUC-JP", "a\xA4\xA2\xA4", L"a\x3042", cutOff + "3\n", 3},
-        {"C", std::string("a\0b\xC3", 4), std::wstring(L"a\0b", 3), invalid, 4},
-        {"C", "abc", L"ab", noMemory, 3, 3},
+        {"de_DE.UTF-8", "gr\xC3\xBC\xC3\x9F \xF0\x9F\x96\xA8", "", L"gr\xFC\xDF \x1F5A8", ""},
+        {"C.UTF-8", std::string(1000, 'x'), "\xE2\x82", std::wstring(1000, L'x'), cutOff + "1000\n"},
+        {"ja_JP.EUC-JP", "a\xA4\xA2", "\xA4", L"a\x3042", cutOff + "3\n"},
+        {"C", std::string("a\0b", 3), "\xC3", std::wstring(L"a\0b", 3), invalid},
+        {"C", "ab", "c", L"ab", noMemory, 3},
     };
     for (const auto& row : rows) {
-        if (!setLocaleForConversion(row.locale))
+        EXPECT_TRUE(std::setlocale(LC_CTYPE, row.locale)) << row.locale;
+        if (std::string(row.locale).ends_with("JP") && std::mblen("\xA4\xA2", 2) != 2) {
+            std::cout << row.locale << " is left out: the C library has no module for its characters\n";
             continue;
-        mbrtowcFault.calls = 0;
+        }
         std::optional<support::FaultScope> fault;
         if (row.failAt != 0)
             fault.emplace(mbrtowcFault, -1, ENOMEM, row.failAt, 1);
         mywstring wide(L"rest of before");
         testing::internal::CaptureStderr();
-        if (row.report.empty())
-            wide = mystring(row.bytes);
+        if (row.bad.empty())
+            wide = mystring(row.good);
         else
-            EXPECT_THROW(wide = mystring(row.bytes), tolmen::Utf8Exception);
+            EXPECT_THROW(wide = mystring(row.good + row.bad), tolmen::Utf8Exception);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), row.report);
         EXPECT_EQ(wide, row.wide);
-        EXPECT_EQ(mbrtowcFault.calls, row.calls);
-    }
-    EXPECT_THROW(mywstring(mystring("\xC3", false)), tolmen::Utf8Exception);
-}
-
-TEST(Conversion, OfWideTextDropsWhatTheLocaleCannotExpressAndCaseGoesByTheLocale)
-{
-    const std::tuple<const char*, std::string, std::wstring> rows[] = {
-        {"C", "a", L"a\xE4"},
-        {"C.UTF-8", "a\xC3\xA4", L"A\xC4"},
-        {"de_DE.UTF-8", "\xC3\xA4\xC3\x9F", L"\xC4\xDF"},
-        {"ja_JP.EUC-JP", "a\xA4\xA2", L"A\x3042\x10FFFF"}};
-    for (const auto& [locale, bytes, characters] : rows) {
-        if (!setLocaleForConversion(locale))
-            continue;
-        mywstring wide(characters);
-        wide.toLowerCase();
-        EXPECT_EQ(mystring(wide), bytes) << locale;
-        mystring text("\xC3\xA4 a", false);
-        text.toUpperCase();
-        EXPECT_EQ(text, "\xC3\xA4 A");
-        text.toLowerCase();
-        EXPECT_EQ(text, "\xC3\xA4 a");
+        wide.insert(1, L"\xDC80"); // no character
+        EXPECT_EQ(mystring(wide), row.good);
     }
 }
 
 // ---- numbers, positions, a line from the console
 
-TEST(ParseNum, KnowsThreeForms)
+TEST(ParseNum, TakesNoMemoryAndNamesItsException)
 {
-    using Row = std::pair<const char*, int64_t>;
-    const Row rows[] = {Row{"", 0},
-                        Row{"-", 0},
-                        Row{"-042", -42},
-                        Row{"0xaG2", 0xA2},
-                        Row{"0X1fB", 0x1FB},
-                        Row{"0x-12", 0x12},
-                        Row{"0x18000000000000000", INT64_MIN},
-                        Row{"-9223372036854775808", INT64_MIN}};
     const support::AllocationCount allocations;
-    for (const auto& [text, value] : rows)
-        EXPECT_EQ(parseNum(text), value) << text;
+    EXPECT_EQ(parseNum("-042"), -42);
+    EXPECT_EQ(parseNum("0xaG2"), 0xA2);
     EXPECT_EQ(allocations.allocations(), 0U);
-    for (const char* const text : {"0x", "+5", "12a", "5-", "1:", "/"})
-        EXPECT_THAT([=] { parseNum(text); }, testing::ThrowsMessage<std::invalid_argument>("ParseException"));
+    EXPECT_THAT([] { parseNum("+5"); }, testing::ThrowsMessage<std::invalid_argument>("ParseException"));
 }
 
 TEST(Pos, IsBroughtIntoItsRangeAndPrintedAsTheStreamFormatsIt)
 {
     using quorvil::stream::normalizePos;
     const support::AllocationCount allocations;
-    for (int size = 1; size <= 9; ++size)
-        for (int pos = -20; pos <= 20; ++pos)
-            EXPECT_EQ(normalizePos(pos, size), (pos + 20 * size) % size) << pos << ' ' << size;
-    EXPECT_EQ(normalizePos(INT_MIN, -1) + normalizePos(5, 0), 0);
+    for (int pos = -20; pos <= 20; ++pos)
+        EXPECT_EQ(normalizePos(pos, 5), (pos + 20) % 5);
+    EXPECT_EQ(normalizePos(INT_MIN, -1) + normalizePos(5, 0) + normalizePos(INT_MIN, 1), 0);
     EXPECT_EQ(allocations.allocations(), 0U);
     std::ostringstream stream;
     stream << quorvil::Pos{-1} << std::hex << std::showbase << quorvil::Pos{255};
@@ -397,20 +325,12 @@ TEST(EnterIfInteractive, LeavesTheConsoleToOthersWhileItWaitsForALine)
     enterIfInteractive(false, "Nichts");
     enterIfInteractive(true, "Druck");
     std::cin.rdbuf(realInput);
-    std::cin.clear();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "*** Nach ENTER: Druck ... > Band 7");
 }
 
 // ---- data files
 
 using quorvil::TextFileDataIO;
-
-constexpr const char* badWrite = "TextFileDataIO: Problem beim Schreiben";
-constexpr const char* badRead = "TextFileDataIO: Problem beim Lesen";
-constexpr const char* notForWriting =
-    "TextFileDataIO has not been opened for writing, but one of the w() method has been called.";
-constexpr const char* notForReading =
-    "TextFileDataIO has not been opened for reading, but one of the r() method has been called.";
 
 std::unique_ptr<TextFileDataIO> forWrite(const std::string& file)
 {
@@ -422,166 +342,93 @@ std::unique_ptr<TextFileDataIO> forRead(const std::string& file)
     return std::unique_ptr<TextFileDataIO>(TextFileDataIO::forRead(file));
 }
 
-/// How many descriptors this process has. Each that leads to a data file is close-on-exec.
-long descriptors()
-{
-    long count = 0;
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
-        const int flags = fcntl(std::stoi(entry.path().filename()), F_GETFD);
-        EXPECT_TRUE(!fs::read_symlink(entry).string().ends_with("state.txt") || (flags & FD_CLOEXEC)) << entry;
-        ++count;
-    }
-    return count;
-}
-
-class TextFile : public testing::Test
-{
-protected:
-    /// Reads `text` back as `values` and no more: what comes behind fails, and goes on failing.
-    template <typename Value>
-    void expectRead(const std::string& text, const std::vector<Value>& values)
-    {
-        std::ofstream(file) << text;
-        const std::unique_ptr<quorvil::IDataIO> io = forRead(file);
-        Value restored = 1;
-        for (const Value value : values) {
-            io->r(restored);
-            EXPECT_EQ(restored, value);
-        }
-        for (int i = 0; i < 2; ++i)
-            EXPECT_THAT([&] { io->r(restored); }, testing::ThrowsMessage<util::GeneralException>(badRead));
-        EXPECT_EQ(restored, values.empty() ? Value(1) : values.back());
-    }
-
-    /// Writes the values over what was there, compares the file, and reads them back.
-    template <typename Value>
-    void expectRoundTrip(const std::vector<Value>& values, const std::string& text)
-    {
-        std::ofstream(file) << std::string(100, 'x');
-        std::unique_ptr<quorvil::IDataIO> io = forWrite(file);
-        for (const Value value : values)
-            io->w(value);
-        io.reset();
-        std::stringstream content;
-        content << std::ifstream(file).rdbuf();
-        EXPECT_EQ(content.str(), text);
-        expectRead(text, values);
-    }
-
-    const support::TemporaryFolder folder;
-    const std::string file = folder / "state.txt";
-};
-
-TEST_F(TextFile, HoldsOneDecimalNumberALineOfEachTypeWhateverTheLocaleIs)
+TEST(TextFileDataIO, HoldsOneDecimalNumberALineWhateverTheLocaleIs)
 {
     const support::GroupingEverywhere grouping;
-    expectRoundTrip<bool>({true, false}, "1\n0\n");
-    expectRoundTrip<char>({'A', '\0', '\x7F', '\x80', '\xFF'}, "65\n0\n127\n128\n255\n");
-    expectRoundTrip<signed char>({-128, 127}, "-128\n127\n");
-    expectRoundTrip<unsigned char>({65, 255}, "65\n255\n");
-    expectRoundTrip<short>({SHRT_MIN, SHRT_MAX}, "-32768\n32767\n");
-    expectRoundTrip<unsigned short>({0, USHRT_MAX}, "0\n65535\n");
-    expectRoundTrip<int>({INT_MIN, INT_MAX}, "-2147483648\n2147483647\n");
-    expectRoundTrip<unsigned int>({300, UINT_MAX}, "300\n4294967295\n");
+    const support::TemporaryFolder folder;
+    const std::string file = folder / "state.txt";
+    std::ofstream(file) << std::string(100, 'x');
+    const std::tuple values(false, true, 'A', '\xE4', static_cast<signed char>(-128), static_cast<unsigned char>(255),
+                            short{SHRT_MIN}, static_cast<unsigned short>(USHRT_MAX), INT_MIN, INT_MAX, UINT_MAX);
+    std::apply([io = forWrite(file)](auto... value) { (io->w(value), ...); }, values);
+    std::stringstream content;
+    content << std::ifstream(file).rdbuf();
+    EXPECT_EQ(content.str(), "0\n1\n65\n228\n-128\n255\n-32768\n65535\n-2147483648\n2147483647\n4294967295\n");
+    auto restored = values;
+    std::apply([](auto&... value) { ((value = 1), ...); }, restored);
+    std::apply([io = forRead(file)](auto&... value) { (io->r(value), ...); }, restored);
+    EXPECT_EQ(restored, values);
 }
 
-TEST_F(TextFile, IsReadBackByTheWidthOfItsTarget)
-{
-    expectRead<bool>("2 -1\n00\n+", {true, true, false});
-    expectRead<char>("321\n-28\nx", {'A', '\xE4'});
-    expectRead<signed char>("200\n2147483648\n", {-56});
-    expectRead<unsigned char>("300\n4294967296\n", {44});
-    expectRead<short>("\t\r\n\n 010\n32768\n", {10});
-}
-
-TEST_F(TextFile, NarrowOperationsGoThroughTheWideOnesOfADerivedClass)
+TEST(TextFileDataIO, NarrowOperationsGoThroughTheWideOnesOfADerivedClass)
 {
     struct Derived : TextFileDataIO
     {
         using TextFileDataIO::TextFileDataIO, TextFileDataIO::w, TextFileDataIO::r;
-        void w(int value) override
-        {
-            written += std::to_string(value) + ' ';
-        }
-        void w(unsigned int value) override
-        {
-            written += std::to_string(value) + "u ";
-        }
-        void r(int& value) override
-        {
-            value = 0x141;
-        }
-        void r(unsigned int& value) override
-        {
-            value = 0x10142;
-        }
-        std::string written;
-    } derived(file);
-    const auto restored = [&io = static_cast<quorvil::IDataIO&>(derived)](auto value) {
-        io.w(value);
-        io.r(value);
-        return int{value};
+        MOCK_METHOD(void, w, (int), (override));
+        MOCK_METHOD(void, w, (unsigned int), (override));
+        MOCK_METHOD(void, r, (int&), (override));
+        MOCK_METHOD(void, r, (unsigned int&), (override));
+    } derived("");
+    EXPECT_CALL(derived, w(testing::An<int>())).Times(4);
+    EXPECT_CALL(derived, w(testing::An<unsigned int>())).Times(2);
+    EXPECT_CALL(derived, r(testing::An<int&>())).Times(3);
+    EXPECT_CALL(derived, r(testing::An<unsigned int&>())).Times(2);
+    const auto pass = [&io = static_cast<quorvil::IDataIO&>(derived)](auto... value) {
+        (io.w(value), ...);
+        (io.r(value), ...);
     };
-    EXPECT_EQ((std::vector{restored(false), restored('\xFF'), restored(static_cast<signed char>(-1)),
-                           restored(static_cast<unsigned char>(200)), restored(static_cast<unsigned short>(60'000))}),
-              (std::vector{1, 0x41, 0x41, 0x42, 0x142}));
-    EXPECT_THROW(restored(short{-5}), util::GeneralException) << "this one reads by itself";
-    EXPECT_EQ(derived.written, "0 255 -1 200u 60000u -5 ");
+    pass(true, 'x', static_cast<signed char>(1), static_cast<unsigned char>(1), static_cast<unsigned short>(1));
+    EXPECT_THROW(pass(short{1}), util::GeneralException) << "this one reads by itself";
 }
 
-TEST_F(TextFile, FailsByTheTextOfItsFailureAndLeavesNothingOpen)
+TEST(TextFileDataIO, FailsByTheTextOfItsFailureAndLeavesNothingOpen)
 {
+    const support::TemporaryFolder folder;
+    const std::string file = folder / "state.txt", missing = folder / "missing/state.txt";
+    const std::string badWrite = "TextFileDataIO: Problem beim Schreiben";
     int value = 3;
-    const std::string missing = folder / "missing/state.txt";
     const auto fill = [](int numbers) {
-        const auto io = forWrite("/dev/full");
+        auto io = forWrite("/dev/full");
         for (int i = 0; i < numbers; ++i)
             io->w(i);
-        EXPECT_EQ(numbers, 1) << "the buffer does not take as many";
-        io->close();
+        return io;
     };
-    const struct
-    {
-        std::function<void()> act;
-        std::string text; ///< of the exception, if there is one
-    } rows[] = {
+    const std::pair<std::function<void()>, std::string> rows[] = {
         {[&] { forWrite(missing); }, "Kann nicht in Datei schreiben: " + missing},
         {[&] { forRead(missing); }, "Kann nicht von Datei lesen: " + missing},
-        {[&] { forWrite(folder.path); }, "Kann nicht in Datei schreiben: " + folder.path},
-        {[&] { forRead(folder.path)->r(value); }, badRead},
-        {[&] { forWrite(file)->r(value); }, notForReading},
-        {[&] { forRead(file)->close(), forRead(file)->w(6U); }, notForWriting},
-        {[&] { TextFileDataIO(file).r(value); }, notForReading},
-        {[&] { TextFileDataIO(file).close(), TextFileDataIO(file).w(6U); }, notForWriting},
+        {[&] { forRead(folder.path)->r(value); }, "TextFileDataIO: Problem beim Lesen"},
+        {[&] { forWrite(file)->r(value); },
+         "TextFileDataIO has not been opened for reading, but one of the r() method has been called."},
+        {[&] { forRead(file)->close(), forRead(file)->w(6U); },
+         "TextFileDataIO has not been opened for writing, but one of the w() method has been called."},
         {[&] {
              const auto io = forWrite(file);
              io->close(), io->close(), io->w(8);
          },
          badWrite},
-        {[&] { fill(1); }, badWrite},
+        {[&] { fill(1)->close(); }, badWrite},
         {[&] { fill(100'000); }, badWrite},
-        {[&] { forWrite("/dev/full")->w(5); }, ""}, // the destructor keeps it to itself
+        {[&] { fill(1); }, ""}, // the destructor keeps it to itself
         {[&] { forWrite(file)->w(7); }, ""},
         {[&] { forRead(file)->r(value); }, ""},
     };
-    for (const auto& row : rows) {
-        const long before = descriptors();
+    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = descriptors();
+    for (const auto& [act, text] : rows) {
         testing::internal::CaptureStdout();
-        if (row.text.empty())
-            row.act();
+        if (text.empty())
+            act();
         else
-            EXPECT_THAT(row.act, testing::ThrowsMessage<util::GeneralException>(row.text));
-        EXPECT_EQ(testing::internal::GetCapturedStdout().empty(), row.text.empty()) << row.text;
-        EXPECT_EQ(descriptors(), before) << row.text;
+            EXPECT_THAT(act, testing::ThrowsMessage<util::GeneralException>(text));
+        EXPECT_EQ(testing::internal::GetCapturedStdout().empty(), text.empty()) << text;
+        EXPECT_EQ(descriptors(), before) << text;
     }
     EXPECT_EQ(value, 7);
-    const long before = descriptors();
-    const auto open = forWrite(file);
-    EXPECT_EQ(descriptors(), before + 1);
-    const support::FaultScope fault(fdopenFault, 0, ENOMEM);
-    EXPECT_THROW(forWrite(file), util::GeneralException);
-    EXPECT_THROW(forRead(file), util::GeneralException);
-    EXPECT_EQ(descriptors(), before + 1);
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    const auto open = forRead(file);
+    EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
 }
 
 } // namespace

@@ -25,19 +25,18 @@ struct Grouped : std::numpunct<char>
 /// Sets the global locale, and that of the console, to one that groups digits, for as long as it lives.
 struct GroupingEverywhere
 {
-    GroupingEverywhere()
+    static std::locale set(const std::locale& locale)
     {
-        std::cout.imbue(std::locale());
-        std::cerr.imbue(std::locale());
+        std::cout.imbue(locale);
+        std::cerr.imbue(locale);
+        return std::locale::global(locale);
     }
     ~GroupingEverywhere()
     {
-        std::locale::global(before);
-        std::cout.imbue(before);
-        std::cerr.imbue(before);
+        set(before);
     }
 
-    const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouped));
+    const std::locale before = set(std::locale(std::locale::classic(), new Grouped));
 };
 
 } // namespace support

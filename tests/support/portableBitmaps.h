@@ -5,23 +5,11 @@
 
 #include "Quorvil/Bitmaps.h"
 
-#include "Quorvil/QuorvilAssert.h"
-
-#include <algorithm>
-#include <array>
-#include <bit>
-#include <cstring>
-#include <functional>
-#include <limits>
-#include <type_traits>
-#include <utility>
-
-// The source compiled once more, as `portable::Bitmap`. What it includes stands above, under its own name.
+// The source compiled once more, as `portable::Bitmap`. Nothing that it includes knows the name `bmp`.
 #undef QUORVIL_BITMAPS_H
 #define QUORVIL_PORTABLE_BLIT
 #define bmp portable
 #include "Quorvil/Bitmaps.cpp"
 #undef bmp
-#undef QUORVIL_PORTABLE_BLIT
 
 #endif
