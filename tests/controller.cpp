@@ -221,9 +221,9 @@ TEST_F(Controller, StopsInGoodOrderInEveryState)
     Printer fourth(service() + " --spool " + folder / "none/spool");
     EXPECT_TRUE(fourth.says("none/spool: No such file or directory") && fourth.end(0) == 1) << fourth.log;
 
-    // The operator stops this one at once.
+    // The operator stops this one, which has no job: it might be printed by then.
     put("jobs\nstop\n", "typed");
-    Printer fifth(service() + " --console <" + folder / "typed");
+    Printer fifth(service() + " --state " + folder / "other --console <" + folder / "typed");
     EXPECT_TRUE(fifth.says("ended last: none\n") && fifth.end(0) == 0) << fifth.log;
 
     // The next one goes on, also while its core is dumped. (A sanitizer cannot fork so, an emulator makes no core.)
