@@ -606,6 +606,9 @@ TEST(LBInteractiveDump, PrintsOnEachLineUntilItReadsTheLetterOrTheEnd)
     const std::string failed = "LBInteractiveDump: basic_ios::clear: iostream error\n";
     EXPECT_EQ(dialogue("x\nq"), echo("x") + header + failed + failed) << "an output that throws ends the dialogue";
     std::cout.exceptions(std::ios::goodbit), std::cout.clear();
+    if (support::sanitized)
+        GTEST_SKIP()
+            << "the sanitizer takes the catch of an unwinding thread, which has no object, for a null reference";
     formatter = [] { pthread_exit(nullptr); };
     EXPECT_EQ(dialogue("x\nq"), echo("x") + header) << "a thread that is cancelled unwinds without a word";
 }
