@@ -124,8 +124,12 @@ TEST_F(CoreDump, EndsByAbortWhetherOrNotTheLogIsSilentAndLeavesItsProcessAlone)
         gl_bOVXLConfigLoaded = 1;
         for (OvxLogGroupCfg& group : gl_psOvxLogGrpCfgTable)
             group.logEnabled = 0;
-        chdirFault.fail(-1, EACCES);
+        forkFault.fail(-1, EAGAIN, 1, 1);
         run(name.c_str());
+        waitpidFault.fail(-1, ECHILD, 1, 1);
+        run(name.c_str());
+        chdirFault.fail(-1, EACCES);
+        run(nullptr);
         std::fprintf(stderr, fs::current_path() == scratch.path ? "%d" : "%d elsewhere", WTERMSIG(dumpStatus));
     });
     EXPECT_EQ(child.out.find("pending"), child.out.rfind("pending")) << child.out;

@@ -188,6 +188,35 @@ TEST_F(TimeCollectorPoolTest, TheBlockFitsExactlyAndTheConsoleGroupsItsNumbers)
     EXPECT_THROW(TimeCollectorPool(out, 0, 0, size_t{INT_MAX} + 1), std::bad_array_new_length);
 }
 
+TEST_F(TimeCollectorPoolTest, AConstructorThatIsCutShortTakesDownWhatStands)
+{
+    // Nothing is made yet, and then the records alone.
+    struct : std::stringbuf
+    {
+        void imbue(const std::locale&) override
+        {
+            throw std::bad_cast();
+        }
+    } console;
+    std::streambuf* const old = std::cout.rdbuf(&console);
+    EXPECT_THROW(TimeCollectorPool(out, 0, 8, 2), std::bad_cast);
+    std::cout.rdbuf(old);
+    const support::FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, 1, 1);
+    EXPECT_THROW(TimeCollectorPool(out, 0, 8, 2), std::system_error);
+}
+
+TEST_F(TimeCollectorPoolTest, ACancelledQueueEndsTheThreadAndReturnsItsRecords)
+{
+    using Queue = quorvil::BlockingQueue<Handle, quorvil::FastAllocator<Handle>>;
+    TimeCollectorPool pool(out, 0, 1024, 2);
+    Queue* queue; // only its owner can cancel it
+    std::memcpy(&queue, reinterpret_cast<char*>(&pool) + 8 * sizeof queue, sizeof queue);
+    queue->cancel();
+    pool.dump(filled(pool, "unprinted"));
+    pool.close();
+    EXPECT_EQ(paper.str(), "~");
+}
+
 TEST_F(TimeCollectorPoolTest, TheRecordReturnedLastIsTheNextOneArrivesEmptyAndIsNeverLost)
 {
     support::Gate joining;
@@ -471,8 +500,10 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
     char *first, *cursor;
     lists.startIteration();
     lists.iterate(pos, first);
+    lists.removeOverwritten(59, 60, 99); // known from now on: a text of up to 88 bytes behind 60 reaches no list
     // Behind the ring of positions: its end, and the number of lists.
     constexpr size_t valueWord = 4 + 128 * sizeof(int) / sizeof(void*) + 2;
+    int* behind = reinterpret_cast<int*>(reinterpret_cast<void**>(&lists) + valueWord - 2);
     const auto damaged = [&](size_t word, const void* value) -> LimitedBuffer& {
         support::damage(buffer, word, value);
         return buffer;
@@ -497,11 +528,15 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
         {"", "(ptrdiff_t)len < (end - begin)", [&] { buffer.add("", SIZE_MAX); }},
         {"char* util::LimitedBuffer::walk(char*, ptrdiff_t) const", "begin <= a && a < end",
          [&] { buffer.walk(end, -1); }},
+        {"", "begin <= a && a < end", [&] { buffer.walk(begin - 1, 1); }},
         {"std::size_t util::LimitedBuffer::diff(char*, char*) const", "begin <= a && a < end",
          [&] { (void)buffer.diff(begin - 1, begin); }},
+        {"", "begin <= a && a < end", [&] { (void)buffer.diff(end, begin); }},
         {"", "begin <= b && b < end", [&] { (void)buffer.diff(begin, end); }},
+        {"", "begin <= b && b < end", [&] { (void)buffer.diff(begin, begin - 1); }},
         {"void util::LimitedBuffer::readPart(char*, std::size_t, std::ostream&)",
          "begin <= partBegin && partBegin < end", [&] { buffer.readPart(end, 0, std::cerr); }},
+        {"", "begin <= partBegin && partBegin < end", [&] { buffer.readPart(begin - 1, 0, std::cerr); }},
         {"", "(ptrdiff_t)partSize <= (end - begin)", [&] { buffer.readPart(begin, SIZE_MAX, std::cerr); }},
         {ofLists + "add(int, const char*, int)", "numBytes == bytesPerValueList", [&] { lists.add(1, "xxx", 3); }},
         {"", "nextValue >= valueBuf && nextValue + numBytes <= valueBufEnd",
@@ -511,15 +546,22 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
         {ofLists + "copyFrom(const util::LimitedStateValueBuffer&)", "src.bytesPerValueList == this->bytesPerValueList",
          [&] { lists.copyFrom(longer); }},
         {ofLists + "posStepBack(int**)", posInside, [&] { lists.posStepBack(&elsewhere); }},
-        {ofLists + "posStepForward(int**)", posInside, [&] { lists.posStepForward(&elsewhere); }},
+        {"", posInside, [&] { lists.posStepBack(&behind); }},
+        {ofLists + "posStepForward(int**)", posInside, [&] { lists.posStepForward(&behind); }},
+        {"", posInside, [&] { lists.posStepForward(&(elsewhere = nullptr)); }},
         {ofLists + "valueStepBack(char**)", entering, [&] { empty.removeOverwritten(1, 2, 3); }},
+        {"", entering, [&] { lists.valueStepBack(&(cursor = first - 1)); }},
         {"", leaving, [&] { lists.valueStepBack(&(cursor = first + 1)); }},
         {ofLists + "valueStepForward(char**)", entering, [&] { lists.valueStepForward(&(cursor = first + 256)); }},
+        {"", entering, [&] { lists.valueStepForward(&(cursor = first - 1)); }},
         {"", leaving, [&] { lists.valueStepForward(&(cursor = first + 255)); }},
         {"bool util::overwritten(int, int, int, int)", "0 <= pos && pos < cycleLen",
          [&] { lists.removeOverwritten(-1, 50, 50); }},
+        {"", "0 <= pos && pos < cycleLen", [&] { lists.add(-1, "xx", 2), lists.removeOverwritten(0, 1, 99); }},
         {"", "0 <= begin && begin < cycleLen", [&] { lists.removeOverwritten(99, -1, 99); }},
-        {"", "0 <= end && end < cycleLen", [&] { lists.removeOverwritten(0, 99, 99); }},
+        {"", "0 <= begin && begin < cycleLen", [&] { lists.removeOverwritten(-1, 0, 99); }},
+        {"", "0 <= end && end < cycleLen", [&] { lists.removeOverwritten(60, 99, 99); }},
+        {"", "0 <= end && end < cycleLen", [&] { lists.removeOverwritten(60, -1, 99); }},
     };
     std::string function;
     for (const auto& [another, expression, misuse] : rows) {
@@ -529,14 +571,16 @@ TEST(LimitedBufferDeathTest, MisuseFailsTheAssertionOfItsPlace)
                                                          : "Quorvil/QuorvilLimitedStateValueBuffer",
                                                   function, expression));
     }
-    EXPECT_THROW(LimitedStateValueBuffer(-1), std::bad_array_new_length);
+    for (const int length : {-1, sizeof(void*) == 4 ? 1 << 24 : INT_MIN})
+        EXPECT_THROW(LimitedStateValueBuffer{length}, std::bad_array_new_length) << length;
 }
 
 // ---- the console thread
 
 TEST(LBInteractiveDump, PrintsOnEachLineUntilItReadsTheLetterOrTheEnd)
 {
-    LimitedBuffer buffer(20, 2, [](std::ostream&, const char*) { throw std::runtime_error("formatter"); });
+    std::function<void()> formatter = [] { throw std::runtime_error("formatter"); };
+    LimitedBuffer buffer(20, 2, [&formatter](std::ostream&, const char*) { formatter(); });
     const auto echo = [](const std::string& line) {
         return "Enter: dump gl_trenvikLimitedBuffer\nq (und Enter): Quit\n(vor getline)\nline: '" + line + "'\n";
     };
@@ -556,6 +600,17 @@ TEST(LBInteractiveDump, PrintsOnEachLineUntilItReadsTheLetterOrTheEnd)
     EXPECT_EQ(dialogue("", true), echo("")) << "an input that fails without an end";
     buffer.addStateValueList("zz", 2);
     EXPECT_EQ(dialogue("x\nq"), echo("x") + header + echo("q") + "LBInteractiveDump: formatter\n");
+    formatter = [] { throw 1; };
+    EXPECT_EQ(dialogue("x\nq"), echo("x") + header + echo("q") + "LBInteractiveDump: unknown exception\n");
+    formatter = [] { std::cout.exceptions(std::ios::badbit), std::cout.setstate(std::ios::badbit); };
+    const std::string failed = "LBInteractiveDump: basic_ios::clear: iostream error\n";
+    EXPECT_EQ(dialogue("x\nq"), echo("x") + header + failed + failed) << "an output that throws ends the dialogue";
+    std::cout.exceptions(std::ios::goodbit), std::cout.clear();
+    if (support::sanitized)
+        GTEST_SKIP()
+            << "the sanitizer takes the catch of an unwinding thread, which has no object, for a null reference";
+    formatter = [] { pthread_exit(nullptr); };
+    EXPECT_EQ(dialogue("x\nq"), echo("x") + header) << "a thread that is cancelled unwinds without a word";
 }
 
 } // namespace

@@ -91,6 +91,7 @@ TEST(Heaps, EndTheProcessWhereTheyAreExhaustedOrMisused)
     EXPECT_TRUE(parent.allFree()) << "with a block of the sub-heap still out";
     alignas(8) char range[64];
     EXPECT_DEATH(BaseHeap(range + 4, range + 64).alloc(8), heapFailure(alloc, "((ptrdiff_t) nextMem & 7) == 0"));
+    EXPECT_DEATH(BaseHeap(range + 64, range).alloc(0), exhausted);
     BaseHeap heap;
     heap.init(range, range + 64);
     EXPECT_DEATH(heap.dealloc(heap.alloc(11), 12),
