@@ -280,6 +280,7 @@ TEST(Pthread, MisuseAndFailedCallsHaveTheirTexts)
         {"void* quorvil::Pthread::join()" + failed, [&] { form.start().join(); }, &pthread_joinFault},
         {"void quorvil::Pthread::detach()" + failed, [&] { form.start().detach(); }, &pthread_detachFault},
         {form.context() + failed, [&] { form.start(nullptr, 256, SCHED_FIFO, 1000); }},
+        {form.context() + failed, [&] { pthread_attr_destroyFault.fail(EXDEV), form.start(); }},
         {": void* quorvil::pthreadFunc(void*): Assertion `t->alternativeF'",
          [] { Pthread(nullptr, nullptr, 0).join(); }},
         {"FEHLER: Pthread-Objekt zerstoert, das noch laufenden Thread enthaelt! "
@@ -288,9 +289,8 @@ TEST(Pthread, MisuseAndFailedCallsHaveTheirTexts)
         {"FEHLER: move-Zuweisung an Pthread-Objekt das bereits laufenden Thread enthaelt!\nterminate called",
          [&] { form.start() = Pthread(); }},
     };
-    for (support::Fault* const fault :
-         {&pthread_attr_initFault, &pthread_attr_destroyFault, &pthread_attr_setstacksizeFault,
-          &pthread_attr_setinheritschedFault, &pthread_attr_setschedpolicyFault})
+    for (support::Fault* const fault : {&pthread_attr_initFault, &pthread_attr_setstacksizeFault,
+                                        &pthread_attr_setinheritschedFault, &pthread_attr_setschedpolicyFault})
         failures.push_back({form.context() + failed, [&] { form.start(); }, fault});
     for (const Form& each : forms) {
         failures.push_back({each.context() + failed, [&] { each.start(); }, &pthread_createFault});
