@@ -202,11 +202,11 @@ private:
         segments.push_back(segment);
     }
 
-    /// True if a ".." takes away the last segment that is held back. Only a leading ".." of a relative path stays:
-    /// no other segment reads so.
+    /// True if a ".." takes away the last segment that is held back; there is one. Only a leading ".." of a relative
+    /// path stays: no other segment reads so.
     bool canStepUp() const
     {
-        return !segments.empty() && segments.back() != "..";
+        return segments.back() != "..";
     }
 
     Start start;

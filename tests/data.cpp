@@ -12,6 +12,7 @@
 #include "Quorvil/ThreadSafeStream.h"
 #include "tests/support/allocationCount.h"
 #include "tests/support/assertion.h"
+#include "tests/support/environment.h"
 #include "tests/support/groupingLocale.h"
 #include "tests/support/interpose.h"
 #include "tests/support/temporaryFolder.h"
@@ -22,10 +23,12 @@
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 #include <thread>
 
 SUPPORT_INTERPOSE(size_t, mbrtowc, (wchar_t * wide, const char* bytes, size_t limit, mbstate_t* state),
                   (wide, bytes, limit, state), noexcept)
+SUPPORT_INTERPOSE(FILE*, fdopen, (int descriptor, const char* mode), (descriptor, mode), noexcept)
 
 namespace {
 
@@ -51,6 +54,22 @@ TEST(Bitmap, InsertCountsFromTheHighestBitAndSinglePixelsFromTheLowest)
     bitmap.insert(bmp::Bitmap(source.data(), 16, 1, 2), 5, 0, 6, INT_MAX, 1, 1);
     EXPECT_EQ(allocations.allocations(), 0U);
     EXPECT_EQ(memory, (Bytes{0x81, 0x04, 0x00, 0x5C, 0x00, 0x80}));
+}
+
+TEST(Bitmap, InsertTakesRowsWithoutAGapThatHoldMorePixelsThanAnIntCounts)
+{
+    if (support::threadSanitized)
+        GTEST_SKIP() << "its shadow of the memory does not fit into every machine";
+    const size_t bytes = size_t{INT_MAX} / 8 + 1;
+    void* const memory =
+        mmap(nullptr, 2 * bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto* const from = static_cast<uint8_t*>(memory);
+    from[0] = from[bytes - 1] = 0x81;
+    bmp::Bitmap target(from + bytes, 1 << 23, 256, 1 << 20);
+    target.insert(bmp::Bitmap(from, 1 << 23, 256, 1 << 20), 0, 0, 1 << 23, 256, 0, 0);
+    EXPECT_TRUE(from[bytes] == 0x81 && from[2 * bytes - 1] == 0x81);
+    munmap(memory, 2 * bytes);
 }
 
 TEST(Bits, TakeAndReplaceEveryRange)
@@ -135,6 +154,9 @@ TEST(DataDeathTest, CallersFaultsFailTheirAssertions)
     const std::string constructor = "bmp::Bitmap::Bitmap(uint8_t*, int, int, int)";
     const std::string bitsText = "uint64_t bits(uint64_t, int, int)";
     const std::string field = "lowBitIdx >= 0 && lowBitIdx < 64 && bitCount > 0 && bitCount <= 64 - lowBitIdx";
+    const std::string setText = "void setBits(uint32_t&, int, int, uint32_t)";
+    const std::string wordField = "lowBitIdx >= 0 && lowBitIdx < 32 && bitCount >= 0 && bitCount <= 32 - lowBitIdx";
+    const std::string read = "virtual uint32_t BitInputStreamImpl::read(int)";
     const std::string clip = "void bmp::Bitmap::clip(int, int, int, int)";
     const std::tuple<std::function<void()>, std::string, std::string, std::string> rows[] = {
         {[&] { bmp::Bitmap(memory, 0, 0, -1); }, "Bitmaps", constructor, "widthPixels > 0"},
@@ -146,12 +168,17 @@ TEST(DataDeathTest, CallersFaultsFailTheirAssertions)
         {[&] { bitmap.clip(0, -5, 1, 5); }, "Bitmaps", clip, "h > 0"},
         {[&] { input->read(0); }, "QuorvilBits", bitsText, field},
         {[&] { bits(0, 63, 2); }, "QuorvilBits", bitsText, field},
-        {[&] { setBits(word, 1, 32, 0); }, "QuorvilBits", "void setBits(uint32_t&, int, int, uint32_t)",
-         "lowBitIdx >= 0 && lowBitIdx < 32 && bitCount >= 0 && bitCount <= 32 - lowBitIdx"},
+        {[&] { bits(0, -1, 1); }, "QuorvilBits", bitsText, field},
+        {[&] { bits(0, 64, 1); }, "QuorvilBits", bitsText, field},
+        {[&] { BitOutputStream::create(sink)->write(-1, 1, 0); }, "QuorvilBits", bitsText, field},
+        {[&] { setBits(word, 1, 32, 0); }, "QuorvilBits", setText, wordField},
+        {[&] { setBits(word, 1, -1, 0); }, "QuorvilBits", setText, wordField},
+        {[&] { setBits(word, -1, 1, 0); }, "QuorvilBits", setText, wordField},
+        {[&] { setBits(word, 32, 0, 0); }, "QuorvilBits", setText, wordField},
         {[&] { output->writeBit(true); }, "QuorvilBitStream",
          "virtual void BitOutputStreamImpl::write(int, int, uint32_t)", "bitIdx >= 0 && bitIdx < 32"},
-        {[&] { input->read(33); }, "QuorvilBitStream", "virtual uint32_t BitInputStreamImpl::read(int)",
-         "numBits >= 0 && numBits <= 32"},
+        {[&] { input->read(33); }, "QuorvilBitStream", read, "numBits >= 0 && numBits <= 32"},
+        {[&] { input->read(-1); }, "QuorvilBitStream", read, "numBits >= 0 && numBits <= 32"},
     };
     for (const auto& [call, file, function, expression] : rows)
         EXPECT_DEATH(call(), support::assertion("Quorvil/" + file, function, expression));
@@ -222,14 +249,15 @@ TEST(Mywstring, MovesComparesChangesCaseAndRefusesNull)
 {
     ASSERT_TRUE(std::setlocale(LC_CTYPE, "C.UTF-8"));
     std::wstring standard = L"\xE4 text that does not fit into the small string";
-    mywstring text(standard.c_str()), other(text);
+    mywstring text(standard.c_str()), other(text), copy(standard), assigned;
+    assigned = copy;
     const support::AllocationCount allocations;
     mywstring first(std::move(standard)), second(std::move(text));
     text = std::move(second);
     text.toUpperCase();
     EXPECT_TRUE(text.front() == L'\xC4' && text.equalsIgnoreCase(first) && !mywstring().equalsIgnoreCase(text));
     text.toLowerCase();
-    EXPECT_TRUE(first == text && other == text && second.empty());
+    EXPECT_TRUE(first == text && other == text && copy == text && assigned == text && second.empty());
     EXPECT_EQ(allocations.allocations(), 0U);
     EXPECT_FALSE(mywstring(L"ab").equalsIgnoreCase(mywstring(L"AC")));
     const char* const null = nullptr;
@@ -394,9 +422,15 @@ TEST(TextFileDataIO, FailsByTheTextOfItsFailureAndLeavesNothingOpen)
             io->w(i);
         return io;
     };
+    const auto withoutMemory = [](const auto& open) {
+        const support::FaultScope fault(fdopenFault, 0, ENOMEM);
+        open("/dev/null");
+    };
     const std::pair<std::function<void()>, std::string> rows[] = {
         {[&] { forWrite(missing); }, "Kann nicht in Datei schreiben: " + missing},
         {[&] { forRead(missing); }, "Kann nicht von Datei lesen: " + missing},
+        {[&] { withoutMemory(forWrite); }, "Kann nicht in Datei schreiben: /dev/null"},
+        {[&] { withoutMemory(forRead); }, "Kann nicht von Datei lesen: /dev/null"},
         {[&] { forRead(folder.path)->r(value); }, "TextFileDataIO: Problem beim Lesen"},
         {[&] { forWrite(file)->r(value); },
          "TextFileDataIO has not been opened for reading, but one of the r() method has been called."},

@@ -17,6 +17,7 @@
 #include <optional>
 #include <tuple>
 
+SUPPORT_INTERPOSE(int, pthread_mutex_trylock, (pthread_mutex_t * mutex), (mutex), noexcept)
 SUPPORT_INTERPOSE(int, pthread_mutex_destroy, (pthread_mutex_t * mutex), (mutex), noexcept)
 SUPPORT_INTERPOSE(int, pthread_condattr_init, (pthread_condattr_t * attr), (attr), noexcept)
 SUPPORT_INTERPOSE(int, pthread_condattr_setclock, (pthread_condattr_t * attr, clockid_t clock), (attr, clock), noexcept)
@@ -87,6 +88,7 @@ TEST(LockGroup, WarnsTracesAndGivesUpAfterASecondWithTheLimitedBufferUnderEachLi
     }
 
     const auto before = steady_clock::now();
+    pthread_mutex_trylockFault.fail(EBUSY, 0, 1, 1); // as if it were taken for a moment
     EXPECT_TRUE(group.lock("a.cpp", 1) && group.lock("b.cpp", 2));
     group.unlock("c.cpp", 3);
     const auto failToLock = [&] {
@@ -133,6 +135,10 @@ TEST(Guard, MovesWithItsGroupAndTimesButWithoutItsSourcePlace)
 TEST(Guard, InterruptEndsEveryWaitAndLaterOnesOnceTheyAreWokenWithTheGroupHeld)
 {
     LockGroup group;
+    {
+        const FaultScope wakesAtOnce(pthread_cond_waitFault, 0, 0, 1, 1);
+        Guard(group, "", 1).wait();
+    }
     const auto wait = [&] {
         Guard guard(group, "waiter", 1);
         EXPECT_THROW(guard.wait(), quorvil::InterruptedException);
@@ -219,8 +225,11 @@ TEST_F(Synchronisation, PoolsGetTheirElementsInOrderButTheOneThatIsRefused)
         second = std::move(moved);
         EXPECT_TRUE(!first.get() && moved.release() == &elements[2]);
     }
+    list.pushBack(&elements[2]);
+    list.allBackToPools(guard);
     EXPECT_EQ(pool.home,
-              (decltype(pool.home){{&elements[0], &guard}, {&elements[1], &nested}, {&elements[3], &nested}}));
+              (decltype(pool.home){
+                  {&elements[0], &guard}, {&elements[1], &nested}, {&elements[2], &guard}, {&elements[3], &nested}}));
 }
 
 // ---- failures
@@ -230,6 +239,8 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
     const Guard taken(std::move(nested));
     list.pushBack(&elements[0]);
     list.pushBack(&elements[1]);
+    Fifo broken;
+    Fifo().moveRange(nullptr, &elements[4], broken, nullptr); // which was not there
     CountingSemaphore none(0);
     alignas(CountingSemaphore) unsigned char storage[sizeof(CountingSemaphore)];
     auto* const finished = new (storage) CountingSemaphore(1);
@@ -240,6 +251,7 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
     const std::string push = "sync2::intern::Fifo::pushBack(" + e + ")";
     const std::string move =
         "sync2::intern::Fifo::moveRange(" + e + ", " + e + ", quorvil::sync2::intern::Fifo&, " + e + ")";
+    const std::string all = "sync2::intern::Fifo::allBackToPools(quorvil::sync::Guard&)";
     const std::string home = "sync2::intern::Element::goBackToPool(quorvil::sync::Guard&)";
     const auto failed = [](const std::string& at, const std::string& function, const std::string& expression) {
         return "Quorvil/QuorvilSync" + at + ": void quorvil::" + function + ": Assertion `" + expression + "' failed";
@@ -247,6 +259,7 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
     const auto reported = [](const std::string& before, const std::string& function, const std::string& line) {
         return before + "util::CountingSemaphore::" + function + " failed in Quorvil/CountingSemaphore:" + line;
     };
+    const auto lockFailsAt = [](int call) { pthread_mutex_lockFault.fail(EXDEV, 0, call, 1); };
     expectOutcomes({
         {failed("LockGroup:136", lock, "file"), [&] { group.lock(nullptr, 1); }},
         {failed("LockGroup:137", lock, "line > 0"), [&] { group.lock("", 0); }},
@@ -256,8 +269,12 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
         {"null", [&] { Guard(group, nullptr, 1); }},
         {"Invalid cross-device linkexit 0", [&] { Guard(group, "", 1); }, &pthread_mutex_lockFault},
         {"Invalid cross-device linkexit 0", [&] { guard.wait(); }, &pthread_mutex_lockFault},
+        {"Invalid cross-device linkexit 0", // the guard's lock again, behind the condition's
+         [&] { lockFailsAt(3), pthread_cond_waitFault.fail(0), LockGroup().guard("", 1).wait(); }},
         {"terminate called", [&] { Unguard(group, "", 1); }, &pthread_mutex_lockFault},
         {failed("2Intern:66", push, "!e->next"), [&] { list.pushBack(&elements[0]); }},
+        {failed("2Intern:74", push, "dbgInvariant()"), [&] { broken.pushBack(&elements[5]); }},
+        {failed("2Intern:110", all, "dbgInvariant()"), [&] { broken.allBackToPools(guard); }},
         {failed("2Intern:119", move, "fromUntilThis"), [&] { list.moveRange(nullptr, nullptr, list, nullptr); }},
         {failed("2Intern:182", move, "dbgInvariant()"),
          [&] { Fifo().moveRange(&elements[5], &elements[4], list, nullptr); }},
@@ -282,12 +299,20 @@ TEST_F(Synchronisation, MisuseAndFailedCallsHaveTheirTexts)
         {"EINVVAL in sem_trywait in CountingSemaphore::tryDown", [&] { none.tryDown(); }, &sem_trywaitFault,
          "EINVAL only"},
         {reported("", "CountingSemaphore(int)", "32 - (22)"), [] { CountingSemaphore(-1); }},
+        {reported("virtual ", "~CountingSemaphore()", "59 - (18)"),
+         [&] {
+             const HookScope inWait(sem_waitFault, [&] { none.~CountingSemaphore(); });
+             none.wait();
+         },
+         &sem_postFault},
         {reported("virtual ", "~CountingSemaphore()", "78 - (18)"), [] { CountingSemaphore(0); }, &sem_destroyFault},
         {reported("void ", "doWait(const util::TimeSpec*)", "147 - (18)"), [&] { none.wait(); }, &sem_waitFault},
         {reported("void ", "post()", "230 - (18)"), [&] { none.post(); }, &sem_postFault},
         {reported("int ", "getValue()", "251 - (18)"), [&] { none.getValue(); }, &sem_getvalueFault},
         {"Invalid cross-device linkexit 0", [] { InitCondVar("").setInitialized(); }, &pthread_mutex_lockFault},
         {"Invalid cross-device linkexit 0", [] { InitCondVar("").waitUntilInitialized(""); }, &pthread_mutex_lockFault},
+        {"Invalid cross-device linkexit 0", // the condition's lock, behind the gate's and the console's
+         [&] { lockFailsAt(3), InitCondVar("").waitUntilInitialized(nullptr); }},
     });
     if (!sanitized || threadSanitized) // which marks what is left of an ended object
         expectOutcomes({

@@ -29,6 +29,11 @@
 SUPPORT_INTERPOSE(int, pthread_cancel, (pthread_t thread), (thread), )
 SUPPORT_INTERPOSE(int, pthread_detach, (pthread_t thread), (thread), noexcept)
 SUPPORT_INTERPOSE(int, pthread_setspecific, (pthread_key_t key, const void* value), (key, value), noexcept)
+SUPPORT_INTERPOSE(int, pthread_attr_init, (pthread_attr_t * attr), (attr), noexcept)
+SUPPORT_INTERPOSE(int, pthread_attr_destroy, (pthread_attr_t * attr), (attr), noexcept)
+SUPPORT_INTERPOSE(int, pthread_attr_setstacksize, (pthread_attr_t * attr, size_t bytes), (attr, bytes), noexcept)
+SUPPORT_INTERPOSE(int, pthread_attr_setinheritsched, (pthread_attr_t * attr, int value), (attr, value), noexcept)
+SUPPORT_INTERPOSE(int, pthread_attr_setschedpolicy, (pthread_attr_t * attr, int value), (attr, value), noexcept)
 SUPPORT_INTERPOSE(int, pthread_attr_getschedpolicy, (const pthread_attr_t* attr, int* value), (attr, value), noexcept)
 
 /// What this thread asked of the timers: their clocks, and seconds and nanoseconds of first expiries and of periods.
@@ -275,6 +280,7 @@ TEST(Pthread, MisuseAndFailedCallsHaveTheirTexts)
         {"void* quorvil::Pthread::join()" + failed, [&] { form.start().join(); }, &pthread_joinFault},
         {"void quorvil::Pthread::detach()" + failed, [&] { form.start().detach(); }, &pthread_detachFault},
         {form.context() + failed, [&] { form.start(nullptr, 256, SCHED_FIFO, 1000); }},
+        {form.context() + failed, [&] { pthread_attr_destroyFault.fail(EXDEV), form.start(); }},
         {": void* quorvil::pthreadFunc(void*): Assertion `t->alternativeF'",
          [] { Pthread(nullptr, nullptr, 0).join(); }},
         {"FEHLER: Pthread-Objekt zerstoert, das noch laufenden Thread enthaelt! "
@@ -283,6 +289,9 @@ TEST(Pthread, MisuseAndFailedCallsHaveTheirTexts)
         {"FEHLER: move-Zuweisung an Pthread-Objekt das bereits laufenden Thread enthaelt!\nterminate called",
          [&] { form.start() = Pthread(); }},
     };
+    for (support::Fault* const fault : {&pthread_attr_initFault, &pthread_attr_setstacksizeFault,
+                                        &pthread_attr_setinheritschedFault, &pthread_attr_setschedpolicyFault})
+        failures.push_back({form.context() + failed, [&] { form.start(); }, fault});
     for (const Form& each : forms) {
         failures.push_back({each.context() + failed, [&] { each.start(); }, &pthread_createFault});
         if (each.scheduled)
