@@ -26,12 +26,14 @@ constexpr std::array<uint8_t, 256> hexadecimalDigits = [] {
 int64_t parseHexadecimal(const char* s)
 {
     uint64_t value = 0;
-    for (; *s != '\0'; ++s) {
+    for (;; ++s) {
+        // The end is no digit either, so that a digit takes one comparison.
         const unsigned digit = hexadecimalDigits[static_cast<unsigned char>(*s)];
         if (digit < 16)
             value = value * 16 + digit;
+        else if (*s == '\0')
+            return static_cast<int64_t>(value);
     }
-    return static_cast<int64_t>(value);
 }
 
 } // namespace

@@ -267,6 +267,38 @@ TEST(QueueAndPool, TakeNothingOfTheSystemButTheWakeUpOfTheFirstValueAndRefuseWit
     expectNothingOfTheSystem([&queue] { queue.close(), queue.cancel(); });
 }
 
+TEST(QueueAndPool, HandOverInOrderBetweenThreadsAndLoseNothing)
+{
+    struct Numbered
+    {
+        size_t producer;
+        int number;
+    };
+    Numbered values[8];
+    NonlockingPool<Numbered> pool(values, 8);
+    BlockingQueue<Numbered*, std::allocator<Numbered*>> queue(4, {});
+    // Four operations a value, a million of them where nothing slows them down.
+    const int each = (support::sanitized || support::emulated ? 12'500 : 125'000) * support::stressFactor();
+    const auto produce = [&](size_t producer) {
+        for (int number = 0; number < each; std::this_thread::yield())
+            if (Numbered* value = pool.tryGet()) {
+                *value = {producer, number++};
+                while (!queue.push(std::move(value)))
+                    std::this_thread::yield();
+            }
+    };
+    const std::jthread producers[] = {std::jthread(produce, 0), std::jthread(produce, 1)};
+    int expected[2] = {};
+    int others = 0;
+    while (expected[0] + expected[1] < 2 * each) {
+        Numbered* const value = queue.pop();
+        others += value->number != expected[value->producer]++;
+        pool.put(value);
+    }
+    EXPECT_EQ(0, others);
+    EXPECT_EQ(nullptr, queue.tryPop());
+}
+
 // ---- capacity control
 
 TEST(CapacityControl, BooksBetweenNothingAndItsCapacity)

@@ -12,7 +12,7 @@ class Watchdog : public testing::EmptyTestEventListener
 {
     void OnTestStart(const testing::TestInfo&) override
     {
-        alarm(100);
+        alarm(100 * static_cast<unsigned>(support::stressFactor()));
     }
 };
 

@@ -80,7 +80,7 @@ def coverage(root):
             branches, branches_taken = branches + len(ways), branches_taken + taken
             if line["count"] and taken == len(ways):
                 continue
-            code = text[line["line_number"] - 1].strip()
+            code = text[line["line_number"] - 1].strip() if line["line_number"] <= len(text) else ""
             why = next((row[2] for row in reasons if row[0] == name.removeprefix("Quorvil/") and row[1] in code), "no reason yet")
             still_open.append(f"| {name}:{line['line_number']} | `{code.replace('|', chr(92) + '|')}` | {why} |")
     return [f"Lines {100 * lines_taken / lines:.1f} % of {lines}, branches {100 * branches_taken / branches:.1f} % of {branches} "
@@ -109,6 +109,26 @@ def fuzzing(root):
     return lines
 
 
+def stressed(root):
+    path = root / "build/stress.log"
+    if not path.exists():
+        return ["Not run."]
+    text = path.read_text(errors="replace")
+    factor = int(re.match(r"factor (\d+)", text)[1])
+    lines = ["| Test | Rounds |", "|---|---|"]
+    for source in sorted((root / "tests").glob("*.cpp")):
+        name = ""
+        for line in source.read_text().splitlines():
+            test = re.match(r"TEST(?:_F)?\((\w+), (\w+)\)", line)
+            name = f"{test[1]}.{test[2]}" if test else name
+            usual = re.search(r"([\d']+)\)? \* (?:support::)?stressFactor\(\)", line)
+            if usual and "EXPECT" not in line:
+                passed = re.search(rf"{re.escape(name)} \.* +Passed", text)
+                rounds = int(usual[1].replace("'", "")) * factor
+                lines.append(f"| {name} | {rounds if passed else 'not passed'} |")
+    return lines
+
+
 def repeated(root):
     lines = ["| Preset | Rounds of the whole suite without a failure, in random order, every core loaded |", "|---|---|"]
     for preset in ("dev", "tsan", "arm"):
@@ -124,7 +144,7 @@ def suppressions(root):
 
 
 def main(root):
-    sections = [("Size of the tests", share), ("Tests", suites), ("Coverage", coverage), ("Repeated runs", repeated),
+    sections = [("Size of the tests", share), ("Tests", suites), ("Coverage", coverage), ("Repeated runs", repeated), ("Stress", stressed),
                 ("Fuzzing", fuzzing), ("Speed", speed), ("Suppressions", suppressions)]
     text = ["# Measured quality", "", "Written by `./dev quality` from the last runs on", *machine(), ""]
     for title, make in sections:
