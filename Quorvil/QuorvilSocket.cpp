@@ -356,7 +356,9 @@ ServerSocketImpl::~ServerSocketImpl()
     } catch (const SocketException& e) {
         std::cerr << e.getMessage() << "\n";
     } catch (const std::exception& e) {
+        // No lock; but nobody is in `accept`, who would hold a reference. A closed one's -1 closes nothing.
         std::cerr << e.what() << "\n";
+        ::close(fd);
     }
 }
 

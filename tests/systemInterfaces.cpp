@@ -11,6 +11,7 @@
 #include "tests/support/assertion.h"
 #include "tests/support/assertionTrap.h"
 #include "tests/support/child.h"
+#include "tests/support/environment.h"
 #include "tests/support/interpose.h"
 #include "tests/support/temporaryFolder.h"
 
@@ -42,6 +43,7 @@ SUPPORT_INTERPOSE(int, shutdown, (int fd, int how), (fd, how), noexcept)
 SUPPORT_INTERPOSE(int, close, (int fd), (fd), )
 SUPPORT_INTERPOSE(int, pipe2, (int* ends, int flags), (ends, flags), noexcept)
 SUPPORT_INTERPOSE(pid_t, fork, (), (), noexcept)
+SUPPORT_INTERPOSE(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options), )
 SUPPORT_INTERPOSE(FILE*, popen, (const char* command, const char* mode), (command, mode), )
 SUPPORT_INTERPOSE(int, sqlite3_open_v2, (const char* name, sqlite3** sql, int flags, const char* vfs),
                   (name, sql, flags, vfs), )
@@ -137,6 +139,7 @@ TEST_F(Sockets, CarryEveryByteBothWaysWhateverBecomesOfTheirServer)
     server->close();
     EXPECT_EQ(messageOf(acceptOne), "accept when server socket is not open!");
     server.reset();
+    EXPECT_EQ(messageAt(readFault, -1, EINTR, [&] { accepted->read(); }), "read failed: Interrupted system call");
     for (int value = -256; value < 512; ++value) {
         client->write(value);
         EXPECT_EQ(accepted->read(), value & 255);
@@ -176,6 +179,8 @@ TEST_F(Sockets, WakeAReaderByCloseWhichWaitsUntilItHasLeft)
     readFault.calls = 0;
     std::thread reader([&] { EXPECT_THAT(messageOf([&] { accepted->read(); }), testing::StartsWith("EOF: ")); });
     awaitCalls(readFault, 1);
+    accepted->write('w');
+    EXPECT_EQ(client->read(), 'w') << "beside the reader";
     const support::AllocationCount count;
     accepted->close();
     EXPECT_EQ(count.releases(), 1U) << "its entry in the server's list";
@@ -185,7 +190,7 @@ TEST_F(Sockets, WakeAReaderByCloseWhichWaitsUntilItHasLeft)
 TEST_F(Sockets, StayOpenAfterAFailedCloseAndTheirDestructorsReport)
 {
     const Action endAll = [&] {
-        const FaultScope closing(closeFault, -1, EIO, 1, 4);
+        const FaultScope closing(closeFault, -1, EIO, 1, 5);
         EXPECT_EQ(messageOf([&] { client->close(); }), "close failed: Input/output error");
         client.reset();
         EXPECT_EQ(messageAt(shutdownFault, -1, EIO, [&] { accepted.reset(); }), "");
@@ -193,9 +198,20 @@ TEST_F(Sockets, StayOpenAfterAFailedCloseAndTheirDestructorsReport)
         EXPECT_EQ(messageOf(acceptOne), "accept interrupted by close");
         server.reset();
     };
-    EXPECT_EQ(reportOf(endAll), "close failed: Input/output error\nshutdown failed: Input/output error\n");
-    for (const int fd : {clientFd, acceptedFd})
+    EXPECT_EQ(reportOf(endAll), "close failed: Input/output error\nshutdown failed: Input/output error\n"
+                                "close failed: Input/output error\n");
+    for (const int fd : {clientFd, acceptedFd, serverFd})
         ::close(fd);
+}
+
+TEST_F(Sockets, CloseInTheirDestructorsEvenWhereNoLockCanBeTaken)
+{
+    server.reset(); // the accepted socket keeps it
+    const Action endBoth = [&] {
+        const FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, 1, 2);
+        accepted.reset();
+    };
+    EXPECT_EQ(reportOf(endBoth), "Resource temporarily unavailable\nResource temporarily unavailable\n");
 }
 
 TEST_F(Sockets, AreNotMadeByHalves)
@@ -244,6 +260,39 @@ TEST_F(Sockets, TellAFailedAcceptGoOnWhereAClientVanishesAndCloseWhenAllHaveLeft
     EXPECT_EQ(inside, 0);
     for (std::thread& thread : threads)
         thread.join();
+}
+
+TEST_F(SystemInterfaces, CloseServersUnderAcceptSideBySide)
+{
+    // Each server tells its number, also where its descriptor's number was another one's shortly before.
+    const auto runServers = [](int number) {
+        int port = 20000 + 1000 * number;
+        for (int round = 0; round < 10 * support::stressFactor(); ++round) {
+            std::shared_ptr<ServerSocket> server;
+            while (!server)
+                messageOf([&] { server = ServerSocket::create(++port); });
+            std::atomic<int> served = 0;
+            const Action serve = [&] {
+                for (;; ++served)
+                    server->accept()->write(number);
+            };
+            const Action ask = [&] {
+                for (;;)
+                    EXPECT_EQ(Socket::create("127.0.0.1", port)->read(), number);
+            };
+            std::vector<std::jthread> threads;
+            for (int i = 0; i < 3; ++i)
+                threads.emplace_back(
+                    [&] { EXPECT_THAT(messageOf(serve), testing::ContainsRegex("by close|not open")); });
+            threads.emplace_back([&] { messageOf(ask); });
+            while (served < 10)
+                std::this_thread::yield();
+            server->close();
+        }
+    };
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < 4; ++number)
+        threads.emplace_back(runServers, number);
 }
 
 std::string readAll(int fd)
@@ -325,15 +374,19 @@ TEST(MyPipeDeathTest, FailedCallsEndTheProcessAndThoseInTheChildTheChildAlone)
     EXPECT_DEATH(util::dumpStream("heading", -1), fatal("void util::dumpStream(const string&, int)", EBADF));
     EXPECT_DEATH(close(MyPipe("exit 0").childStdout()), fatal("virtual util::MyPipe::~MyPipe()", EBADF));
 
-    // The standard stream that the child cannot have.
-    for (const rlim_t forbidden : {0U, 1U, 2U}) {
-        const support::ChildResult child = support::runInChild([forbidden] {
+    // The standard stream that the child cannot have; or it has them all, and a command too long for the system.
+    for (const rlim_t forbidden : {0U, 1U, 2U, 100U}) {
+        const std::string command(forbidden == 100 ? 1 << 18 : 0, ' ');
+        const support::ChildResult child = support::runInChild([&, forbidden] {
             const rlimit limit{forbidden, forbidden};
             const support::HookScope hook(forkFault, [&limit] { setrlimit(RLIMIT_NOFILE, &limit); });
-            std::printf("%d", MyPipe("exit 0").waitForChild() % 128);
+            MyPipe pipe(command);
+            std::printf("%d", pipe.waitForChild() % 128);
+            std::cerr << readAll(pipe.childStderr());
         });
         EXPECT_EQ(child.out, std::to_string(SIGABRT));
-        EXPECT_THAT(child.err, testing::ContainsRegex("pid=0\n(.*\n)*" + fatal(constructor, EBADF)));
+        EXPECT_THAT(child.err,
+                    testing::ContainsRegex("pid=0\n(.*\n)*" + fatal(constructor, command[0] ? E2BIG : EBADF)));
     }
 }
 
@@ -376,7 +429,7 @@ TEST_F(Database, BindsStepsAndReadsThroughManyRounds)
         EXPECT_EQ(query.columnInt(1), INT_MIN);
         query.reset();
     }
-    support::runInChild([&] { _exit(chdir(folder.path.c_str()) || !DbCon().exec("CREATE TABLE job(id)")); });
+    support::runInChild([&] { EXPECT_TRUE(chdir(folder.path.c_str()) == 0 && DbCon().exec("CREATE TABLE job(id)")); });
     EXPECT_EQ(namesIn(folder.path).count("sqLiteTest.db"), 1U);
 }
 
@@ -410,7 +463,7 @@ TEST_F(Database, ReportsWhatSqliteRefusesAndGoesOnWhereItMayPass)
     DbCon other(file);
     std::optional<PrepStat> statement;
     std::optional<DbCon> never;
-    const std::string sql = "DELETE FROM job WHERE id = ? AND ?";
+    const std::string sql = "DELETE FROM job WHERE id = ? AND ?", blob = "INSERT INTO job VALUES(?, zeroblob(9999))";
     const std::string piece = "void sqlite3cpp::PrepStat::bindText(int, const char*, size_t): SQLITE_OK == "
                               "sqlite3_bind_text(stmt, idx, textBegin, textBytes, SQLITE_TRANSIENT)";
     const std::pair<Action, std::string> rows[] = {
@@ -427,6 +480,7 @@ TEST_F(Database, ReportsWhatSqliteRefusesAndGoesOnWhereItMayPass)
         {[&] { statement.emplace(con, "-- nothing"), statement->step(); }, stepFailed + "21\n"},
         {[&] { statement.emplace(con, "INSERT INTO job VALUES(1, ?)"), statement->step(), statement->reset(); }, ""},
         {[&] { statement->bindText(1, "text", size_t{INT_MAX} + 1); }, piece},
+        {[&] { statement->bindText(2, "text", 4); }, piece},
         {[&] { statement->bindText(2, text); }, "void sqlite3cpp::PrepStat::bindText(int, const string&): SQLITE_OK == "
                                                 "sqlite3_bind_text(stmt, idx, text.c_str(), -1, SQLITE_TRANSIENT)"},
         {[&] { statement->bindInt(2, 1); },
@@ -435,6 +489,10 @@ TEST_F(Database, ReportsWhatSqliteRefusesAndGoesOnWhereItMayPass)
          "void sqlite3cpp::PrepStat::reset(): SQLITE_OK == sqlite3_reset(stmt)"},
         {[&] { sqlite3_step(*statement), statement.reset(); },
          "virtual sqlite3cpp::PrepStat::~PrepStat(): state == INVALID || finalizeResult == SQLITE_OK"},
+        {[&] { con.exec("PRAGMA max_page_count = 1"), statement.emplace(con, blob), statement->bindInt(1, 2); }, ""},
+        {[&] { EXPECT_FALSE(statement->step() || statement->getState() != PrepStat::BINDING); }, stepFailed + "13\n"},
+        {[&] { con.exec("PRAGMA max_page_count = 99"), statement->step(), statement->reset(); }, ""},
+        {[&] { EXPECT_FALSE(statement->step() || statement->getState() != PrepStat::BINDING); }, stepFailed + "19\n"},
         {[&] { con.exec("PRAGMA query_only = 1"), statement.emplace(con, "DELETE FROM job"); }, ""},
         {[&] { EXPECT_FALSE(statement->step() || statement->step()); },
          "bool sqlite3cpp::PrepStat::step(): Attempt to write a readonly database\n"},
@@ -475,14 +533,22 @@ TEST_F(SystemInterfaces, ThrowWhereALockCannotBeTakenAndLeaveNothingBehind)
     MyPipe pipe("exit 3");
     // Which of the locks that it takes, and the call.
     const std::pair<int, Action> rows[] = {
-        {1, [&] { drive.setCurDir("x"); }},     {1, [&] { drive.getCurDir(dir); }},
-        {1, [&] { current.setStdDrive('B'); }}, {1, [&] { current.getStdDrive(); }},
-        {1, [&] { server->accept(); }},         {1, [&] { server->close(); }},
-        {1, [] { MyPipe("exit 0"); }},          {2, [] { MyPipe("exit 0"); }},
-        {2, [&] { pipe.waitForChild(); }},      {1, [] { util::LinuxPipe("exit 0", true); }}};
+        {1, [&] { drive.setCurDir("x"); }},
+        {1, [&] { drive.getCurDir(dir); }},
+        {1, [&] { current.setStdDrive('B'); }},
+        {1, [&] { current.getStdDrive(); }},
+        {1, [&] { server->accept(); }},
+        {1, [&] { server->close(); }},
+        {2, [&] { pipe.waitForChild(); }},
+        {1, [] { MyPipe("exit 0"); }},
+        {2, [] { messageAt(waitpidFault, -1, EINTR, [] { MyPipe("exit 0"); }); }},
+        {2, [] { std::signal(SIGCHLD, SIG_IGN), MyPipe("exit 0"); }},
+        {1, [] { util::LinuxPipe("exit 0", true); }},
+        {1, [] { messageAt(popenFault, 0, EMFILE, [] { util::LinuxPipe("none", true); }); }}};
     for (const auto& [lock, call] : rows) {
         const FaultScope fault(pthread_mutex_lockFault, EAGAIN, 0, lock, 1);
         EXPECT_THROW(call(), std::system_error);
+        std::signal(SIGCHLD, SIG_DFL);
     }
     drive.getCurDir(dir);
     EXPECT_EQ(dir + current.getStdDrive(), "/jobsA");

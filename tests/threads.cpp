@@ -532,8 +532,8 @@ TEST(LinuxTimer, LogsEachFailedCallAndEndsTheProcess)
     // The log's gate is shut at the first abort, which tries again.
     const auto failTwice = [](LinuxTimer& timer) {
         static LinuxTimer& failing = timer;
-        std::signal(SIGABRT, [](int) {
-            std::signal(SIGABRT, SIG_DFL);
+        static void (*const before)(int) = std::signal(SIGABRT, [](int) {
+            std::signal(SIGABRT, before);
             gl_bOVXLConfigLoaded = 1; // with every group silent
             std::fputs("silent, ", stderr);
             failing.cancel();
