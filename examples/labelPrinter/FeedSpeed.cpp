@@ -1,5 +1,6 @@
 #include "FeedSpeed.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -30,7 +31,7 @@ int FeedSpeed::look(quorvil::Pos paper)
         std::memcpy(&rowsOfStep, values, sizeof rowsOfStep);
         rows += rowsOfStep;
     }
-    return static_cast<int>(rows * looksPerSecond / looks);
+    return static_cast<int>(rows * looksPerSecond / std::max(looks, 1));
 }
 
 } // namespace labelPrinter
