@@ -49,7 +49,7 @@ def suites(root):
             lines.append(f"| {preset} | not run | | | |")
             continue
         text = log.read_text(errors="replace")
-        count = [len(re.findall(rf"^Test {word}\.$", text, re.M)) for word in ("Passed", "Skipped", "Failed")]
+        count = [len(re.findall(words, text, re.M)) for words in (r"^Test Passed\.$", r"^Skip (?:regular|return)", r"^Test Failed\.$")]
         ended = re.search(r"^End testing: (.*)$", text, re.M)
         lines.append(f"| {preset} | {count[0]} | {count[1]} | {count[2]} | {ended[1] if ended else 'broken off'} |")
     return lines
