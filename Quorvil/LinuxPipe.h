@@ -33,7 +33,8 @@ public:
     /// @threads any   @realtime I/O
     explicit MyPipe(const std::string& command);
 
-    /// Waits for the child unless `waitForChild` did, and closes the three descriptors (`waitpid`, `close`).
+    /// Waits for the child unless `waitForChild` did, and closes the three descriptors (`waitpid`, `close`). A console
+    /// lock that cannot be taken ends the process.
     ///
     /// @requires linuxFuncResult != -1   the caller has closed none of them
     /// @threads owner   @realtime waits
@@ -111,7 +112,8 @@ public:
     LinuxPipe(const std::string& command, bool read);
 
     /// Closes the stream, if there is one, waits for the command, and writes "res of pclose: " and its status on
-    /// `safeCerr`; a failure is told by "pclose failed: " and the system's text, and nothing more.
+    /// `safeCerr`; a failure is told by "pclose failed: " and the system's text, and nothing more. A console lock
+    /// that cannot be taken ends the process.
     ///
     /// @threads owner   @realtime waits
     virtual ~LinuxPipe();

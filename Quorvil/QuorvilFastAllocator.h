@@ -279,7 +279,7 @@ private:
 };
 
 // All of a heap's virtual functions have their bodies here, so that its table stands in the program that makes the
-// heap: a call through `IHeap` then stays in the program, and costs half of what one into the shared object does.
+// heap: a call through `IHeap` then stays in the program, and costs less than one into the shared object.
 
 inline BaseHeap::BaseHeap()
     : mem(nullptr)

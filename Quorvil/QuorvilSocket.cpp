@@ -14,6 +14,7 @@
 #include <iterator>
 #include <list>
 #include <mutex>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -355,10 +356,12 @@ ServerSocketImpl::~ServerSocketImpl()
         ServerSocketImpl::close();
     } catch (const SocketException& e) {
         std::cerr << e.getMessage() << "\n";
-    } catch (const std::exception& e) {
+    } catch (const std::system_error& e) {
         // No lock; but nobody is in `accept`, who would hold a reference. A closed one's -1 closes nothing.
         std::cerr << e.what() << "\n";
         ::close(fd);
+    } catch (const std::exception& e) {
+        std::cerr << e.what() << "\n";
     }
 }
 

@@ -128,7 +128,8 @@ public:
     /// Prepares the first statement of `text` (`sqlite3_prepare_v2`).
     ///
     /// A failure writes "sqlite3_prepare_v2 failed: " and SQLite's text on `std::cerr`; the state is then `INVALID`. A
-    /// text without a statement, empty or a comment, is none: the first `step` fails by `SQLITE_MISUSE`.
+    /// text without a statement, empty or a comment, is no failure yet: to bind ends the process, and `step` fails by
+    /// `SQLITE_MISUSE`.
     ///
     /// @param con  has to outlive the statement
     /// @requires valid

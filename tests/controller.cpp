@@ -162,7 +162,9 @@ TEST_F(Controller, RefusesWithItsReasonAndTellsOfJobsThatLeave)
         "echo page 8 8 >state/spool/c.label; echo fill | tee -a state/spool/c.label >state/spool/d.label");
     // No thread sanitizer knows the thread of an expired timer.
     const std::string slow = support::threadSanitized ? "exit 9" : "exec sleep 999";
-    ASSERT_TRUE(start(" --notify 'echo told $1 $2; test $1 != 2 || " + slow + "'"));
+    // The command has no part in the printer's input.
+    ASSERT_TRUE(
+        start(" --notify 'read x || echo told $1 $2; test $1 != 2 || " + slow + "' <" + folder / "drives/A/dot.pbm"));
     ASSERT_TRUE(printer->says("/spool/c.label:2: expected 'fill X Y WIDTH HEIGHT'"));
     ASSERT_TRUE(printer->says("/spool/d.reason: Is a directory"));
     const int silent = clientAt(port, "page 8 8\n");

@@ -8,6 +8,7 @@
 
 #include <iostream>
 #include <string>
+#include <system_error>
 
 namespace labelPrinter {
 
@@ -28,8 +29,15 @@ void Console::event()
     nameThread("console");
     if (ended)
         return;
-    if (!line)
-        line = std::make_unique<quorvil::test::AsyncInput>();
+    try {
+        if (!line)
+            line = std::make_unique<quorvil::test::AsyncInput>();
+    } catch (const std::system_error& reason) {
+        // No thread is to be had. The printer goes on, and clients can ask it.
+        safeCerr << "labelPrinter: the console ends: " << reason.what() << std::endl;
+        ended = true;
+        return;
+    }
     if (!line->done())
         return;
     const std::string text = line->join();

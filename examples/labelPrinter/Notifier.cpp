@@ -104,6 +104,7 @@ void Notifier::jobLeft(int job, const char* state)
 
 void Notifier::stop()
 {
+    lastStart = Clock::now() + std::chrono::seconds(mostSeconds);
     jobs.close();
     if (std::exchange(started, false))
         thread.join();
@@ -112,23 +113,30 @@ void Notifier::stop()
 void Notifier::run()
 {
     try {
-        while (notify(jobs.pop()) || !isInterrupted()) {
+        for (;;) {
+            const Job job = jobs.pop();
+            if (Clock::now() < lastStart.load())
+                notify(job);
+            else
+                safeCerr << "labelPrinter: no command is run for job " << job.number << ": the printer stops"
+                         << std::endl;
         }
     } catch (const quorvil::BlockingQueueClosedException&) {
         return;
     }
 }
 
-bool Notifier::notify(const Job& job) const
+void Notifier::notify(const Job& job) const
 {
     try {
         // The shell tells its process's number first. What the command itself writes is not for us.
-        util::LinuxPipe shell(
-            "echo $$\nexec >&2\nset -- " + std::to_string(job.number) + " " + job.state + "\n" + command, true);
+        util::LinuxPipe shell("echo $$\nexec >&2 </dev/null\nset -- " + std::to_string(job.number) + " " + job.state +
+                                  "\n" + command,
+                              true);
         char number[32] = "";
         if (shell.go() == nullptr || std::fgets(number, sizeof number, shell.go()) == nullptr) {
             safeCerr << "labelPrinter: no command can be run for job " << job.number << std::endl;
-            return true;
+            return;
         }
         const pid_t process = std::atoi(number);
         timeLimit().begin(process);
@@ -139,10 +147,8 @@ bool Notifier::notify(const Job& job) const
         timeLimit().end();
         if (end.si_status != 0)
             safeCerr << "labelPrinter: the command for job " << job.number << " failed" << std::endl;
-        return end.si_code == CLD_EXITED;
     } catch (const std::exception& reason) {
         safeCerr << "labelPrinter: no command can be run for job " << job.number << ": " << reason.what() << std::endl;
-        return true;
     }
 }
 

@@ -6,6 +6,8 @@
 #include "Quorvil/QuorvilBlockingQueue.h"
 #include "Quorvil/QuorvilPthread.h"
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -15,8 +17,8 @@ namespace labelPrinter {
 /// waits for it, and whatever becomes of a command harms nothing else: one that takes longer than `mostSeconds` is
 /// killed.
 ///
-/// The command finds the job's number in `$1`, and in `$2` its state, `printed` or `failed`. Its output goes to the
-/// printer's standard error output.
+/// The command has an empty input, and finds the job's number in `$1`, and in `$2` its state, `printed` or `failed`.
+/// Its output goes to the printer's standard error output.
 class Notifier
 {
 public:
@@ -34,7 +36,8 @@ public:
     /// @param state  a text that lives for ever
     void jobLeft(int job, const char* state);
 
-    /// Waits until the command was run for all that left; when it has to be killed, the rest is left out.
+    /// Lets the command still be run for `mostSeconds` for those that left, and waits for that; the others are left
+    /// out, with a line each.
     void stop();
 
 private:
@@ -45,12 +48,14 @@ private:
     };
     using Jobs = quorvil::BlockingQueue<Job, std::allocator<Job>>;
 
+    using Clock = std::chrono::steady_clock;
+
     void run();
-    /// @return whether the command ended by itself
-    bool notify(const Job& job) const;
+    void notify(const Job& job) const;
 
     std::string command;
     Jobs jobs;
+    std::atomic<Clock::time_point> lastStart = Clock::time_point::max();
     quorvil::Pthread thread;
     bool started = false;
 };

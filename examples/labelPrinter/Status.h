@@ -23,7 +23,8 @@ struct Readings
     int pagesInFlight = 0;
     int rowsPerSecond = 0;
     bool feeding = false;
-    bool realTime = false;
+    /// True until a look has found that it is not.
+    bool realTime = true;
 };
 
 /// The figures that all threads tell and ask, from the start of the process on.

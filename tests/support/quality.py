@@ -22,7 +22,8 @@ def machine():
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     cores = run("nproc").strip()
     compilers = [run(name, "--version").splitlines()[0] for name in ("g++", "clang++-19")]
-    return [f"{datetime.date.today()}, {cpu[1] if cpu else platform.machine()}, {cores} cores, Linux {platform.release()};",
+    revision = run("git", "rev-parse", "--short", "HEAD", cwd=pathlib.Path(__file__).parent).strip()
+    return [f"{datetime.date.today()}, revision {revision}, {cpu[1] if cpu else platform.machine()}, {cores} cores, Linux {platform.release()};",
             f"{compilers[0]}; {compilers[1]}."]
 
 
@@ -31,14 +32,15 @@ def code_lines(root, folders):
     for folder in folders:
         for path in (root / folder).rglob("*"):
             if path.suffix in (".h", ".cpp"):
-                total += sum(1 for line in path.read_text().splitlines() if not re.match(r"\s*($|//|/?\*)", line))
+                total += sum(1 for line in path.read_text().splitlines() if not re.match(r"\s*($|//)", line))
     return total
 
 
 def share(root):
     code = code_lines(root, ["Quorvil", "siblings", "examples", "bench"])
     tests = code_lines(root, ["tests", "fuzz"])
-    return [f"{code} lines of code, {tests} lines of tests: {100 * tests / code:.0f} % of the code."]
+    return [f"{code} lines of code (Quorvil, siblings, examples, bench), {tests} lines of tests (tests, fuzz), of C++ that is neither",
+            f"blank nor comment: {100 * tests / code:.1f} % of the code."]
 
 
 def suites(root):
@@ -80,8 +82,11 @@ def coverage(root):
             branches, branches_taken = branches + len(ways), branches_taken + taken
             if line["count"] and taken == len(ways):
                 continue
-            code = text[line["line_number"] - 1].strip() if line["line_number"] <= len(text) else ""
-            why = next((row[2] for row in reasons if row[0] == name.removeprefix("Quorvil/") and row[1] in code), "no reason yet")
+            number = line["line_number"]
+            code = text[number - 1].strip() if number <= len(text) else ""
+            about = [row for row in reasons if row[0] == name.removeprefix("Quorvil/")]
+            why = next((row[2] for near in ([code], text[max(0, number - 3):number - 1]) for row in about
+                        if any(row[1] in other for other in near)), "no reason yet")
             still_open.append(f"| {name}:{line['line_number']} | `{code.replace('|', chr(92) + '|')}` | {why} |")
     return [f"Lines {100 * lines_taken / lines:.1f} % of {lines}, branches {100 * branches_taken / branches:.1f} % of {branches} "
             "(throw branches apart; gcovr over the whole suite, g++).", "",
@@ -138,7 +143,7 @@ def repeated(root):
 
 
 def suppressions(root):
-    found = run("grep", "-rnE", "NOLINT|no_sanitize|disable_sanitizer|-Wno-", "Quorvil", "siblings", "examples", "bench", "fuzz",
+    found = run("grep", "-rnE", "NOLINT|no_sanitize|disable_sanitizer|-Wno-|diagnostic ignored", "Quorvil", "siblings", "examples", "bench", "fuzz",
                 "tests", "cmake", "--include=*.h", "--include=*.cpp", "--include=*.cmake", "--include=CMakeLists.txt", cwd=root)
     return ["```", found.strip(), "```"]
 
@@ -146,7 +151,7 @@ def suppressions(root):
 def main(root):
     sections = [("Size of the tests", share), ("Tests", suites), ("Coverage", coverage), ("Repeated runs", repeated), ("Stress", stressed),
                 ("Fuzzing", fuzzing), ("Speed", speed), ("Suppressions", suppressions)]
-    text = ["# Measured quality", "", "Written by `./dev quality` from the last runs on", *machine(), ""]
+    text = ["# Measured quality", "", "Written by `./dev quality` from the last runs, each with its own time, on", *machine(), ""]
     for title, make in sections:
         text += [f"## {title}", "", *make(root), ""]
     (root / "docs/quality.md").write_text("\n".join(text))
